@@ -1,0 +1,15 @@
+// Leaf counts of the legal move tree: the check of move generation and make/take-back.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+#include "board/position.h"
+
+// Counts the leaves `depth` plies below pos (depth >= 1). pos's ply-0 move list must be
+// bound to a move buffer.
+u64 perft(u8 ply, int depth, positionStruct* pos);
+
+// Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"
+// marker, printing one line per test and the summary. Returns true when all passed.
+bool runPerftFile(const std::string& path, std::ostream& out);

@@ -1,0 +1,387 @@
+#include "uci/uci.h"
+
+#include <sys/sysinfo.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <vector>
+
+#include "board/bitboards.h"
+#include "board/makemove.h"
+#include "board/movegen.h"
+#include "board/perft.h"
+#include "board/zobrist.h"
+#include "search/tt.h"
+#include "uci/engine.h"
+
+engineStruct engine;
+positionStruct GPSData;
+moveStruct GMS[MOVE_BUFFER];
+
+namespace {
+
+std::mutex outputMutex;
+int perftDepth = 6;
+
+const char* const ENGINE_NAME = "Quorvane 2.3";
+const char* const ENGINE_SUFFIX = " NOP";
+
+using tokens = std::istringstream;
+
+// Reads a whole-token integer; false for text that is not a number. Values outside the
+// int range are pinned to its ends so that the option clamping still applies.
+bool readInt(const std::string& text, int& out) {
+    if (text.empty())
+        return false;
+    size_t i = (text[0] == '-' || text[0] == '+') ? 1 : 0;
+    if (i == text.size())
+        return false;
+    long long v = 0;
+    for (; i < text.size(); i++) {
+        if (text[i] < '0' || text[i] > '9')
+            return false;
+        if (v < 10000000000LL)
+            v = v * 10 + (text[i] - '0');
+    }
+    if (text[0] == '-')
+        v = -v;
+    out = int(std::max<long long>(std::min<long long>(v, 2147483647LL), -2147483647LL));
+    return true;
+}
+
+bool readU64(const std::string& text, u64& out) {
+    if (text.empty() || text.size() > 19)
+        return false;
+    out = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+        out = out * 10 + u64(c - '0');
+    }
+    return true;
+}
+
+// The largest table that physical memory can hold comfortably: half of it.
+u64 affordableBuckets(u64 wanted) {
+    struct sysinfo si {};
+    if (sysinfo(&si) != 0)
+        return wanted;
+    u64 limit = u64(si.totalram) * si.mem_unit / 2 / 64;
+    while (wanted > 16384 && wanted > limit)
+        wanted /= 2;
+    return wanted;
+}
+
+void setHashSize(int mb) {
+    u64 wanted = hashBucketsForMB(mb);
+    u64 capped = affordableBuckets(wanted);
+    u64 got = resizeHashTable(capped, engine.nofThreads);
+    if (got != wanted)
+        printLine("info string not enough memory for a table of " + std::to_string(wanted / 16384)
+                  + " MB, using " + std::to_string(got * 64 / 1048576) + " MB");
+}
+
+// Plays one move given in coordinate text on pos at ply 0, if it is legal there.
+bool playMoveText(positionStruct* pos, const std::string& text) {
+    std::vector<moveStruct> buffer(MOVE_BUFFER);
+    pos->bindMoveBuffer(buffer.data());
+    setInCheck(0, pos);
+    generateMovesLegal(0, buffer.data(), pos);
+    for (moveStruct* m = buffer.data(); m < pos->plyStack[0].moveListEnd; m++) {
+        if (moveToLA(m, pos->sideToMove) != text)
+            continue;
+        makeMove(pos, 0, *m);
+        pos->plyStack[0].castlingRights = pos->plyStack[1].castlingRights;
+        pos->plyStack[0].enPassantSquare = pos->plyStack[1].enPassantSquare;
+        // Long games: keep only the keys a repetition can still reach.
+        if (pos->gamePly > KEY_HISTORY - PLY_STACK - 64) {
+            int keep = std::min<int>(pos->halfMoveClock + 1, pos->gamePly);
+            keep = std::min(keep, KEY_HISTORY / 2);
+            std::copy(pos->keyHistory + pos->gamePly - keep, pos->keyHistory + pos->gamePly, pos->keyHistory);
+            pos->gamePly = i16(keep);
+        }
+        return true;
+    }
+    return false;
+}
+
+void cmdPosition(tokens& in) {
+    std::string kind, tok, fen;
+    in >> kind;
+    bool startpos = kind == "startpos";
+    if (startpos) {
+        fen = fenStartPos;
+        in >> tok;  // expected to be "moves"; whatever it is, it is consumed
+    } else if (kind == "fen") {
+        while (in >> tok && tok != "moves")
+            fen += tok + " ";
+    } else {
+        printLine("info string position needs 'startpos' or 'fen'");
+        return;
+    }
+
+    auto scratch = std::make_unique<positionStruct>();
+    std::string error;
+    if (!setPosition(fen, scratch.get(), &error)) {
+        printLine("info string invalid FEN (" + error + "), position unchanged");
+        return;
+    }
+    int played = 0;
+    while (in >> tok) {
+        if (!playMoveText(scratch.get(), tok)) {
+            printLine("info string illegal or malformed move " + tok + ", moves after it ignored");
+            break;
+        }
+        played++;
+    }
+    scratch->hashKey = calcHashKey(0, scratch.get());
+    scratch->pawnKey = calcPawnKey(scratch.get());
+    scratch->plyStack[0].inCheck = inCheckNow(scratch.get());
+    std::memcpy(static_cast<void*>(&GPSData), scratch.get(), sizeof GPSData);
+    GPSData.bindMoveBuffer(GMS);
+
+    if (startpos)
+        engine.gamePly = played;
+    else
+        engine.gamePly = GPSData.gamePly < 2 ? 1024 : GPSData.gamePly + played;
+}
+
+void cmdGo(tokens& in) {
+    engine.startTimeMs = nowMs();
+    engine.timeLeft[0] = engine.timeLeft[1] = 900000;
+    engine.increment[0] = engine.increment[1] = 0;
+    engine.movesToGo = 30;
+    engine.depthLimit = engine.mateLimit = engine.moveTime = 0;
+    engine.nodesLimit = 0;
+    engine.nodeCheckInterval = 4096;
+    engine.infinite = false;
+    engine.movesToGoGiven = false;
+    bool ponder = false;
+
+    std::string tok, value;
+    while (in >> tok) {
+        int* field = tok == "wtime" ? &engine.timeLeft[WHITE] : tok == "btime" ? &engine.timeLeft[BLACK]
+                   : tok == "winc" ? &engine.increment[WHITE] : tok == "binc" ? &engine.increment[BLACK]
+                   : tok == "movestogo" ? &engine.movesToGo : tok == "depth" ? &engine.depthLimit
+                   : tok == "mate" ? &engine.mateLimit : tok == "movetime" ? &engine.moveTime : nullptr;
+        if (field || tok == "nodes") {
+            if (!(in >> value)) {
+                printLine("info string go " + tok + " needs a value");
+                break;
+            }
+            int v;
+            if (tok == "nodes" ? readU64(value, engine.nodesLimit) : readInt(value, v)) {
+                if (field)
+                    *field = v;
+                if (tok == "movestogo")
+                    engine.movesToGoGiven = true;
+            } else
+                printLine("info string go " + tok + ": '" + value + "' is not a number, ignored");
+        } else if (tok == "infinite")
+            engine.infinite = true;
+        else if (tok == "ponder")
+            ponder = true;
+    }
+    (void)ponder;
+}
+
+void cmdSetOption(tokens& in) {
+    std::string tok, name, value;
+    in >> tok;  // "name"
+    while (in >> tok && tok != "value")
+        name += (name.empty() ? "" : " ") + tok;
+    while (in >> tok)
+        value += (value.empty() ? "" : " ") + tok;
+
+    auto numeric = [&](int lo, int hi, int& v) {
+        if (!readInt(value, v)) {
+            printLine("info string option " + name + ": '" + value + "' is not a number, unchanged");
+            return false;
+        }
+        v = std::max(lo, std::min(hi, v));
+        return true;
+    };
+    int v;
+    if (name == "Hash") {
+        if (!readInt(value, v)) {
+            numeric(1, 1, v);
+            return;
+        }
+        v = v < 1 ? 1 : v > 32768 ? 262144 : v;
+        engine.hashSizeMB = v;
+        setHashSize(v);
+        printLine("info string Size of Hashtable set to : " + std::to_string(v));
+    } else if (name == "Threads") {
+        if (numeric(1, 256, v)) {
+            engine.nofThreads = v;
+            printLine("info string Number of threads set to : " + std::to_string(v));
+        }
+    } else if (name == "MoveOverhead") {
+        if (numeric(1, 60000, v)) {
+            engine.moveOverhead = v;
+            printLine("info string MoveOverhead set to : " + std::to_string(v));
+        }
+    } else if (name == "Ponder") {
+        engine.ponderOption = value == "true";
+        printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));
+    } else if (name == "SyzygyPath") {
+        engine.syzygyPath = value;
+        printLine("info string Syzygy tablebases used from directory : " + value);
+    } else if (name == "SyzygyProbeDepth") {
+        if (numeric(0, 127, v)) {
+            engine.syzygyProbeDepth = v;
+            printLine("info string SyzygyProbeDepth set to: " + std::to_string(v));
+        }
+    }
+}
+
+void cmdPerft(tokens& in) {
+    std::string tok;
+    if (in >> tok) {
+        int d;
+        if (!readInt(tok, d)) {
+            printLine("info string perft depth '" + tok + "' is not a number");
+            return;
+        }
+        if (d < 1) {
+            printLine("info string perft depth must be at least 1");
+            return;
+        }
+        perftDepth = d;
+    }
+    auto copy = std::make_unique<positionStruct>();
+    std::memcpy(static_cast<void*>(copy.get()), &GPSData, sizeof GPSData);
+    copy->bindMoveBuffer(GMS);
+    printText(boardToString(copy.get()));
+    auto t0 = std::chrono::steady_clock::now();
+    u64 nodes = perft(0, perftDepth, copy.get());
+    long long ns = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - t0).count();
+    double seconds = double(ns) / 1000000000.0;
+    std::ostringstream s;
+    s << ns << " ns and " << seconds << " in seconds\n";
+    s << "Perft results for depth: " << perftDepth << "  " << nodes << "  Nodes per sec: " << double(nodes) / seconds
+      << "\n";
+    printText(s.str());
+}
+
+void cmdRtest(tokens& in) {
+    std::string path = "perft.txt";
+    in >> path;
+    std::ostringstream out;
+    // Each result line goes out as soon as its test ends.
+    struct lineBuf : std::stringbuf {
+        int sync() override {
+            printText(str());
+            str("");
+            return 0;
+        }
+    } buf;
+    std::ostream stream(&buf);
+    runPerftFile(path, stream);
+    stream.flush();
+    resizeHashTable(hashKeyMask + 1, engine.nofThreads);
+}
+
+void cmdUci() {
+    printLine(std::string("id name ") + ENGINE_NAME + ENGINE_SUFFIX);
+    printLine("id author Ollivark");
+    printLine("option name Hash type spin default 256 min 1 max 262144");
+    printLine("option name Threads type spin default 1 min 1 max 256");
+    printLine("option name Ponder type check default false");
+    printLine("option name MoveOverhead type spin default 100 min 1 max 60000");
+    printLine("option name SyzygyPath type string default <empty>");
+    printLine("option name SyzygyProbeDepth type spin default 0 min 0 max 127");
+    printLine("uciok");
+}
+
+void cmdUciNewGame() {
+    clearHashTableMT(engine.nofThreads);
+    engine.gamePly = 0;
+    engine.newGame = true;
+    std::fill(std::begin(GPSData.keyHistory), std::end(GPSData.keyHistory), 0);
+    printLine("readyok");
+}
+
+void cmdHelp() {
+    printLine("supported UCI commands 'uci' 'ucinewgame' 'position' 'go' 'ponderhit' 'stop 'quit' 'setoption' "
+              "'isready'");
+    printLine("other commands 'perft depth', default depth=6, change board with 'position'; 'showboard' shows "
+              "the current board");
+}
+
+}  // namespace
+
+void printLine(const std::string& line) { printText(line + "\n"); }
+
+void printText(const std::string& text) {
+    std::lock_guard<std::mutex> lock(outputMutex);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+i64 nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool executeCommand(const std::string& line) {
+    tokens in(line);
+    std::string cmd;
+    in >> cmd;
+    if (cmd == "quit")
+        return false;
+    if (cmd == "position")
+        cmdPosition(in);
+    else if (cmd == "go")
+        cmdGo(in);
+    else if (cmd == "ucinewgame")
+        cmdUciNewGame();
+    else if (cmd == "uci")
+        cmdUci();
+    else if (cmd == "setoption")
+        cmdSetOption(in);
+    else if (cmd == "isready")
+        printLine("readyok");
+    else if (cmd == "rtest")
+        cmdRtest(in);
+    else if (cmd == "perft")
+        cmdPerft(in);
+    else if (cmd == "showboard")
+        printText(boardToString(&GPSData));
+    else if (cmd == "help")
+        cmdHelp();
+    else
+        printLine("Unknown command");
+    return true;
+}
+
+int uciMain(int argc, char** argv) {
+    printLine(std::string(ENGINE_NAME) + ENGINE_SUFFIX);
+    printLine("by Ollivark");
+    printLine("");
+    printLine("enter 'help' to see the commands");
+
+    initBitboardConstants();
+    initHashCodeTables();
+    setHashSize(engine.hashSizeMB);
+    GPSData.bindMoveBuffer(GMS);
+    setPosition(fenStartPos, &GPSData);
+
+    std::string argLine;
+    for (int i = 1; i < argc; i++)
+        argLine += std::string(argv[i]) + " ";
+
+    if (argc > 1)
+        executeCommand(argLine);
+    else
+        for (std::string line; std::getline(std::cin, line) && executeCommand(line);) {
+        }
+    freeHashTable();
+    return 0;
+}
