@@ -1,0 +1,3 @@
+#include "uci/workforce.h"
+
+workForce theWorkForce;
