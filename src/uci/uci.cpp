@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -67,12 +68,13 @@ bool readU64(const std::string& text, u64& out) {
     return true;
 }
 
-// The largest table that physical memory can hold comfortably: half of it.
+// The largest table that physical memory can hold comfortably: half of it. The tests
+// lower that ceiling with QUORVANE_HASH_LIMIT_MB so that the largest sizes stay cheap.
 u64 affordableBuckets(u64 wanted) {
     struct sysinfo si {};
-    if (sysinfo(&si) != 0)
-        return wanted;
-    u64 limit = u64(si.totalram) * si.mem_unit / 2 / 64;
+    u64 limit = sysinfo(&si) == 0 ? u64(si.totalram) * si.mem_unit / 2 / 64 : wanted;
+    if (const char* cap = std::getenv("QUORVANE_HASH_LIMIT_MB"))
+        limit = std::min<u64>(limit, std::strtoull(cap, nullptr, 10) * 16384);
     while (wanted > 16384 && wanted > limit)
         wanted /= 2;
     return wanted;
