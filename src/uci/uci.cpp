@@ -19,7 +19,10 @@
 #include "board/perft.h"
 #include "board/zobrist.h"
 #include "search/tt.h"
+#include "uci/bench.h"
 #include "uci/engine.h"
+#include "uci/timeman.h"
+#include "uci/workforce.h"
 
 engineStruct engine;
 positionStruct GPSData;
@@ -29,6 +32,12 @@ namespace {
 
 std::mutex outputMutex;
 int perftDepth = 6;
+
+// Settings that must not change under a running search take effect at the next "go"
+// (or at once when no search runs), so the command loop never blocks on a search.
+int pendingHashMB = 0;
+bool pendingHistoryClear = false;
+bool pendingTableClear = false;
 
 const char* const ENGINE_NAME = "Quorvane 2.3";
 const char* const ENGINE_SUFFIX = " NOP";
@@ -80,13 +89,43 @@ u64 affordableBuckets(u64 wanted) {
     return wanted;
 }
 
-void setHashSize(int mb) {
+void setHashSizeNow(int mb) {
     u64 wanted = hashBucketsForMB(mb);
     u64 capped = affordableBuckets(wanted);
     u64 got = resizeHashTable(capped, engine.nofThreads);
     if (got != wanted)
         printLine("info string not enough memory for a table of " + std::to_string(wanted / 16384)
                   + " MB, using " + std::to_string(got * 64 / 1048576) + " MB");
+}
+
+void setHashSize(int mb) {
+    if (theWorkForce.searching())
+        pendingHashMB = mb;
+    else
+        setHashSizeNow(mb);
+}
+
+void applyPendingSettings() {
+    if (pendingHashMB) {
+        setHashSizeNow(pendingHashMB);
+        pendingHashMB = 0;
+    }
+    if (pendingHistoryClear) {
+        theWorkForce.clearHistories();
+        pendingHistoryClear = false;
+    }
+    if (pendingTableClear) {
+        clearHashTableMT(engine.nofThreads);
+        pendingTableClear = false;
+    }
+}
+
+// Stops a running search and waits until it has printed its move.
+void stopAndWait() {
+    if (theWorkForce.searching()) {
+        theWorkForce.stopSearch = true;
+        theWorkForce.waitSearchEnd();
+    }
 }
 
 // Plays one move given in coordinate text on pos at ply 0, if it is legal there.
@@ -155,6 +194,8 @@ void cmdPosition(tokens& in) {
 }
 
 void cmdGo(tokens& in) {
+    stopAndWait();
+    applyPendingSettings();
     engine.startTimeMs = nowMs();
     engine.timeLeft[0] = engine.timeLeft[1] = 900000;
     engine.increment[0] = engine.increment[1] = 0;
@@ -190,7 +231,9 @@ void cmdGo(tokens& in) {
         else if (tok == "ponder")
             ponder = true;
     }
-    (void)ponder;
+    theWorkForce.pondering = ponder;
+    computeTimeBudget();
+    theWorkForce.startSearch(GPSData);
 }
 
 void cmdSetOption(tokens& in) {
@@ -221,7 +264,9 @@ void cmdSetOption(tokens& in) {
         printLine("info string Size of Hashtable set to : " + std::to_string(v));
     } else if (name == "Threads") {
         if (numeric(1, 256, v)) {
+            stopAndWait();
             engine.nofThreads = v;
+            theWorkForce.setNofWorkers(v);
             printLine("info string Number of threads set to : " + std::to_string(v));
         }
     } else if (name == "MoveOverhead") {
@@ -273,6 +318,7 @@ void cmdPerft(tokens& in) {
 }
 
 void cmdRtest(tokens& in) {
+    stopAndWait();
     std::string path = "perft.txt";
     in >> path;
     std::ostringstream out;
@@ -303,11 +349,28 @@ void cmdUci() {
 }
 
 void cmdUciNewGame() {
-    clearHashTableMT(engine.nofThreads);
+    if (theWorkForce.searching()) {
+        pendingHistoryClear = pendingTableClear = true;
+    } else {
+        theWorkForce.clearHistories();
+        clearHashTableMT(engine.nofThreads);
+    }
     engine.gamePly = 0;
     engine.newGame = true;
     std::fill(std::begin(GPSData.keyHistory), std::end(GPSData.keyHistory), 0);
     printLine("readyok");
+}
+
+void cmdBench(tokens& in) {
+    std::string tok;
+    int depth = BENCH_DEPTH;
+    if (in >> tok && (!readInt(tok, depth) || depth < 1 || depth > MAX_PLY)) {
+        printLine("info string bench depth must be a number from 1 to 127");
+        return;
+    }
+    stopAndWait();
+    applyPendingSettings();
+    runBench(depth);
 }
 
 void cmdHelp() {
@@ -336,9 +399,18 @@ bool executeCommand(const std::string& line) {
     tokens in(line);
     std::string cmd;
     in >> cmd;
-    if (cmd == "quit")
+    if (cmd == "quit") {
+        theWorkForce.stopSearch = true;
         return false;
-    if (cmd == "position")
+    }
+    if (cmd == "stop")
+        theWorkForce.stopSearch = true;
+    else if (cmd == "ponderhit") {
+        if (theWorkForce.searchFinished)
+            theWorkForce.stopSearch = true;
+        else
+            theWorkForce.pondering = false;
+    } else if (cmd == "position")
         cmdPosition(in);
     else if (cmd == "go")
         cmdGo(in);
@@ -358,6 +430,8 @@ bool executeCommand(const std::string& line) {
         printText(boardToString(&GPSData));
     else if (cmd == "help")
         cmdHelp();
+    else if (cmd == "bench")
+        cmdBench(in);
     else
         printLine("Unknown command");
     return true;
@@ -374,6 +448,7 @@ int uciMain(int argc, char** argv) {
     setHashSize(engine.hashSizeMB);
     GPSData.bindMoveBuffer(GMS);
     setPosition(fenStartPos, &GPSData);
+    theWorkForce.setNofWorkers(engine.nofThreads);
 
     std::string argLine;
     for (int i = 1; i < argc; i++)
@@ -382,8 +457,14 @@ int uciMain(int argc, char** argv) {
     if (argc > 1)
         executeCommand(argLine);
     else
-        for (std::string line; std::getline(std::cin, line) && executeCommand(line);) {
+        for (std::string line;;) {
+            if (!std::getline(std::cin, line))
+                line = "quit";
+            if (!executeCommand(line))
+                break;
         }
+    // Any search still running ends by itself (after "quit" it has been told to stop).
+    theWorkForce.setNofWorkers(0);
     freeHashTable();
     return 0;
 }

@@ -1,0 +1,15 @@
+// The built-in benchmark: fixed positions, fixed depth, one thread.
+#pragma once
+
+#include "board/types.h"
+
+constexpr int BENCH_DEPTH = 13;
+
+struct benchResultStruct {
+    u64 nodes = 0;
+    i64 ms = 0;
+};
+
+// Searches every bench position to `depth`; prints "Nodes searched: N" and
+// "Nodes/second: M" as its last two lines unless quiet. The settings are restored after.
+benchResultStruct runBench(int depth, bool quiet = false);
