@@ -17,6 +17,7 @@
 #include "board/movegen.h"
 #include "board/perft.h"
 #include "board/zobrist.h"
+#include "eval/evaluate.h"
 #include "search/tt.h"
 #include "uci/engine.h"
 
@@ -354,6 +355,10 @@ bool executeCommand(const std::string& line) {
         cmdPerft(in);
     else if (cmd == "showboard")
         printText(boardToString(&GPSData));
+    else if (cmd == "evil")
+        evaluateN(0, &GPSData);
+    else if (cmd == "eval")
+        printText(evalTraceText(&GPSData));
     else if (cmd == "help")
         cmdHelp();
     else
