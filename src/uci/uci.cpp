@@ -19,6 +19,7 @@
 #include "board/zobrist.h"
 #include "eval/evaluate.h"
 #include "search/tt.h"
+#include "tuning/texel.h"
 #include "uci/engine.h"
 
 engineStruct engine;
@@ -289,6 +290,21 @@ void cmdRtest(tokens& in) {
     resizeHashTable(hashKeyMask + 1, engine.nofThreads);
 }
 
+void cmdTexel(tokens& in) {
+    std::string path = "lichess-good.epd";
+    in >> path;
+    struct lineBuf : std::stringbuf {
+        int sync() override {
+            printText(str());
+            str("");
+            return 0;
+        }
+    } buf;
+    std::ostream stream(&buf);
+    runTexel(path, stream);
+    stream.flush();
+}
+
 void cmdUci() {
     printLine(std::string("id name ") + ENGINE_NAME + ENGINE_SUFFIX);
     printLine("id author Ollivark");
@@ -353,6 +369,8 @@ bool executeCommand(const std::string& line) {
         cmdRtest(in);
     else if (cmd == "perft")
         cmdPerft(in);
+    else if (cmd == "texel")
+        cmdTexel(in);
     else if (cmd == "showboard")
         printText(boardToString(&GPSData));
     else if (cmd == "evil")
