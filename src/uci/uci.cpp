@@ -18,7 +18,9 @@
 #include "board/movegen.h"
 #include "board/perft.h"
 #include "board/zobrist.h"
+#include "eval/evaluate.h"
 #include "search/tt.h"
+#include "tuning/texel.h"
 #include "uci/bench.h"
 #include "uci/engine.h"
 #include "uci/timeman.h"
@@ -336,6 +338,21 @@ void cmdRtest(tokens& in) {
     resizeHashTable(hashKeyMask + 1, engine.nofThreads);
 }
 
+void cmdTexel(tokens& in) {
+    std::string path = "lichess-good.epd";
+    in >> path;
+    struct lineBuf : std::stringbuf {
+        int sync() override {
+            printText(str());
+            str("");
+            return 0;
+        }
+    } buf;
+    std::ostream stream(&buf);
+    runTexel(path, stream);
+    stream.flush();
+}
+
 void cmdUci() {
     printLine(std::string("id name ") + ENGINE_NAME + ENGINE_SUFFIX);
     printLine("id author Ollivark");
@@ -426,8 +443,14 @@ bool executeCommand(const std::string& line) {
         cmdRtest(in);
     else if (cmd == "perft")
         cmdPerft(in);
+    else if (cmd == "texel")
+        cmdTexel(in);
     else if (cmd == "showboard")
         printText(boardToString(&GPSData));
+    else if (cmd == "evil")
+        evaluateN(0, &GPSData);
+    else if (cmd == "eval")
+        printText(evalTraceText(&GPSData));
     else if (cmd == "help")
         cmdHelp();
     else if (cmd == "bench")
