@@ -83,23 +83,26 @@ void expectLegalOutput(const std::string& fen, const searchOutput& out) {
     ASSERT_TRUE(out.ended) << fen;
     std::string bad;
     EXPECT_TRUE(legalLine(fen, {out.best}, &bad)) << fen << " bestmove " << out.best;
-    if (!out.ponder.empty())
+    if (!out.ponder.empty()) {
         EXPECT_TRUE(legalLine(fen, {out.best, out.ponder})) << fen << " ponder " << out.ponder;
-    for (const auto& info : out.info)
-        if (info.find(" pv ") != std::string::npos)
+    }
+    for (const auto& info : out.info) {
+        if (info.find(" pv ") != std::string::npos) {
             EXPECT_TRUE(legalLine(fen, pvOf(info), &bad)) << fen << "\n" << info << "\nillegal: " << bad;
+        }
+    }
 }
 
-engineProcess startEngine() {
-    engineProcess e;
+// Waits for the banner and sets a small table.
+void prepare(engineProcess& e) {
     EXPECT_TRUE(e.started());
     EXPECT_TRUE(e.readUntil("enter 'help' to see the commands"));
     e.ask("setoption name Hash value 16");
-    return e;
 }
 
 TEST(EngineSearch, GoDepthEndsWithLegalBestMove) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.send("position startpos moves e2e4 e7e5");
     e.send("go depth 5");
     auto out = readSearch(e);
@@ -111,7 +114,8 @@ TEST(EngineSearch, GoDepthEndsWithLegalBestMove) {
 }
 
 TEST(EngineSearch, DepthTenPrintsProgressWithLegalLines) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     const std::string fen = "r1bqkb1r/pppp1ppp/2n2n2/4p3/2B1P3/5N2/PPPP1PPP/RNBQK2R w KQkq - 4 4";
     e.send("position fen " + fen);
     e.send("go depth 10");
@@ -130,7 +134,8 @@ TEST(EngineSearch, DepthTenPrintsProgressWithLegalLines) {
 }
 
 TEST(EngineSearch, InfiniteStopsPromptly) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.send("position startpos");
     e.send("go infinite");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -145,7 +150,8 @@ TEST(EngineSearch, InfiniteStopsPromptly) {
 }
 
 TEST(EngineSearch, PonderHoldsTheMoveUntilPonderhit) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.ask("setoption name Ponder value true");
     e.send("position startpos moves d2d4");
     // A budget so small that the search ends by itself while still pondering.
@@ -171,7 +177,8 @@ TEST(EngineSearch, PonderHoldsTheMoveUntilPonderhit) {
 }
 
 TEST(EngineSearch, MovetimeIsRespected) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.send("position startpos");
     auto t0 = clockType::now();
     e.send("go movetime 200");
@@ -184,7 +191,8 @@ TEST(EngineSearch, MovetimeIsRespected) {
 }
 
 TEST(EngineSearch, QuitDuringSearchStillAnswers) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.send("position startpos");
     e.send("go infinite");
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -194,7 +202,8 @@ TEST(EngineSearch, QuitDuringSearchStillAnswers) {
     EXPECT_EQ(e.finish(), 0);
 
     // End of input during a search acts like "quit".
-    auto f = startEngine();
+    engineProcess f;
+    prepare(f);
     f.send("go infinite");
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(f.finish(), 0);
@@ -202,7 +211,8 @@ TEST(EngineSearch, QuitDuringSearchStillAnswers) {
 }
 
 TEST(EngineSearch, MatedAndSingleMoveRoots) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     // Fool's mate: White is checkmated.
     e.send("position startpos moves f2f3 e7e5 g2g4 d8h4");
     e.send("go depth 5");
@@ -213,20 +223,21 @@ TEST(EngineSearch, MatedAndSingleMoveRoots) {
     EXPECT_EQ(out.best, "a1a1");
 
     // Only one legal move: answered after depth 3, without progress lines.
-    const std::string fen = "k7/8/1Q6/8/8/8/8/6K1 b - - 0 1";
+    const std::string fen = "k7/8/2K5/8/8/8/8/R7 b - - 0 1";
     e.send("position fen " + fen);
     e.send("go wtime 100000 btime 100000");
     auto t0 = clockType::now();
     out = readSearch(e);
     EXPECT_LT(msSince(t0), 2000 * ENGINE_TIME_SCALE);
-    EXPECT_EQ(out.best, "a8a7");
+    EXPECT_EQ(out.best, "a8b8");
     for (const auto& info : out.info)
         EXPECT_EQ(info.find("info score cp"), std::string::npos) << info;
     EXPECT_EQ(e.finish(), 0);
 }
 
 TEST(EngineSearch, MateIsReportedAndPlayed) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     const std::string fen = "6k1/5ppp/8/8/8/8/5PPP/3R2K1 w - - 0 1";
     e.send("position fen " + fen);
     e.send("go depth 6");
@@ -242,7 +253,9 @@ TEST(EngineSearch, MateIsReportedAndPlayed) {
 
 TEST(EngineSearch, BenchIsDeterministic) {
     auto run = [] {
-        engineProcess e({.args = {"bench", "6"}});
+        engineOptionsStruct opts;
+        opts.args = {"bench", "6"};
+        engineProcess e(opts);
         EXPECT_EQ(e.finish(120000 * ENGINE_TIME_SCALE), 0);
         std::vector<std::string> lines;
         std::istringstream in(e.rest());
@@ -265,7 +278,8 @@ TEST(EngineSearch, ManyPositionsGiveLegalMoves) {
     std::vector<std::string> fens;
     for (std::string l; fens.size() < 120 && std::getline(in, l);)
         fens.push_back(l);
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     for (size_t i = 0; i < fens.size(); i++) {
         e.send("position fen " + fens[i]);
         e.send(i % 12 == 0 ? "go depth 10" : "go depth 3");
@@ -276,7 +290,8 @@ TEST(EngineSearch, ManyPositionsGiveLegalMoves) {
 
 // A GUI-driven game against itself: the clocks, kept by the test, never run out.
 void playClockGame(bool movesToGo) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     e.ask("setoption name MoveOverhead value 50");
     e.send("ucinewgame");
     e.readUntil("readyok");
@@ -316,7 +331,8 @@ TEST(EngineClock, GameAtTwoSecondsNeverFlags) { playClockGame(false); }
 TEST(EngineClock, GameWithMovesToGoNeverFlags) { playClockGame(true); }
 
 TEST(SearchThreads, ThreadCountChangesBetweenSearches) {
-    auto e = startEngine();
+    engineProcess e;
+    prepare(e);
     for (int threads : {4, 1, 3, 2}) {
         auto reply = e.ask("setoption name Threads value " + std::to_string(threads));
         ASSERT_TRUE(reply);
@@ -330,7 +346,8 @@ TEST(SearchThreads, ThreadCountChangesBetweenSearches) {
 
 TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
     for (int threads : {1, 4}) {
-        auto e = startEngine();
+        engineProcess e;
+    prepare(e);
         e.ask("setoption name Threads value " + std::to_string(threads));
         e.send("position startpos moves e2e4");
         const int cycles = 200;

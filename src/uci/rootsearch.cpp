@@ -261,7 +261,7 @@ void worker::searchRoot() {
         if (elapsed > reportAfter && deepest < d
             && wf.deepestReported.compare_exchange_strong(deepest, d, std::memory_order_relaxed))
             firstAtDepth = true;
-        factor = iterationFactor(d, instability, factor);
+        factor = nextIterationFactor(d, instability, factor);
         if (isBoss || firstAtDepth) {
             if (depthCap == 0) {
                 if (float(elapsed) * engine.timeScale > float(engine.targetTime) * factor)

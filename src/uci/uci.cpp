@@ -234,7 +234,7 @@ void cmdGo(tokens& in) {
             ponder = true;
     }
     theWorkForce.pondering = ponder;
-    computeTimeBudget();
+    computeTimeBudget(engine, GPSData.sideToMove);
     theWorkForce.startSearch(GPSData);
 }
 

@@ -46,7 +46,7 @@ public:
 
 class boss : public worker {
 public:
-    explicit boss(int index) : worker(index) {}
+    explicit boss(int idx) : worker(idx) {}
     void searchRoot() override;
 
     moveStruct ponderPair[2];           // expected best move and reply from our iterations
