@@ -18,6 +18,7 @@
 #include "board/perft.h"
 #include "board/zobrist.h"
 #include "search/tt.h"
+#include "tablebase/tbprobe.h"
 #include "uci/engine.h"
 
 engineStruct engine;
@@ -232,6 +233,7 @@ void cmdSetOption(tokens& in) {
         printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));
     } else if (name == "SyzygyPath") {
         engine.syzygyPath = value;
+        init_tablebases(value);
         printLine("info string Syzygy tablebases used from directory : " + value);
     } else if (name == "SyzygyProbeDepth") {
         if (numeric(0, 127, v)) {
