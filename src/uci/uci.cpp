@@ -281,6 +281,7 @@ void cmdSetOption(tokens& in) {
         engine.ponderOption = value == "true";
         printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));
     } else if (name == "SyzygyPath") {
+        stopAndWait();  // the tables are released under a running search otherwise
         engine.syzygyPath = value;
         init_tablebases(value);
         printLine("info string Syzygy tablebases used from directory : " + value);
