@@ -12,6 +12,13 @@
 #include "board/position.h"
 #include "board/zobrist.h"
 
+// Sanitized builds run several times slower: randomised tests do this much less work there.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int TEST_WORK_DIVISOR = 4;
+#else
+constexpr int TEST_WORK_DIVISOR = 1;
+#endif
+
 inline void initTables() {
     initBitboardConstants();
     initHashCodeTables();

@@ -1,5 +1,7 @@
 #include "search/tt.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -26,36 +28,57 @@ void freeHashTable() {
     hashKeyMask = 0;
 }
 
+namespace {
+
+constexpr u64 HUGE_PAGE = 2 * 1024 * 1024;
+
+// Room for `buckets` buckets and the spare one behind them. Tables of 2 MB and more sit on
+// huge-page boundaries and ask for transparent huge pages: far fewer page faults when the
+// table is cleared, fewer TLB misses in the search.
+hashBucketStruct* allocateBuckets(u64 buckets) {
+    u64 bytes = (buckets + 1) * sizeof(hashBucketStruct);
+    u64 align = bytes >= HUGE_PAGE ? HUGE_PAGE : sizeof(hashBucketStruct);
+    bytes = (bytes + align - 1) / align * align;
+    void* p = std::aligned_alloc(align, bytes);
+#ifdef MADV_HUGEPAGE
+    if (p && align == HUGE_PAGE)
+        madvise(p, bytes, MADV_HUGEPAGE);
+#endif
+    return static_cast<hashBucketStruct*>(p);
+}
+
+}  // namespace
+
 u64 resizeHashTable(u64 buckets, int threads) {
     freeHashTable();
-    for (; buckets >= 1; buckets /= 2) {
-        // One spare bucket lies behind the last one.
-        hashTable = static_cast<hashBucketStruct*>(std::aligned_alloc(64, (buckets + 1) * 64));
-        if (hashTable)
+    for (; buckets >= 1; buckets /= 2)
+        if ((hashTable = allocateBuckets(buckets)))
             break;
-    }
     hashKeyMask = buckets - 1;
     clearHashTableMT(threads);
     return buckets;
 }
 
-// Thread i of T zeroes (buckets / T) buckets from i * chunk; the last one zeroes the
-// rest, the spare bucket included.
+hashChunkStruct hashClearChunk(u64 buckets, int threads, int i) {
+    u64 t = u64(threads < 1 ? 1 : threads), chunk = buckets / t;
+    u64 count = u64(i) + 1 == t ? buckets - i * chunk + 1 : chunk;  // + 1: the spare
+    return {i * chunk, count};
+}
+
 void clearHashTableMT(int threads) {
     if (!hashTable)
         return;
-    u64 t = u64(threads < 1 ? 1 : threads);
-    u64 chunk = (hashKeyMask + 1) / t;
-    auto zero = [](u64 first, u64 count) {
-        std::memset(static_cast<void*>(hashTable + first), 0, count * sizeof(hashBucketStruct));
+    int t = threads < 1 ? 1 : threads;
+    auto zero = [](hashChunkStruct c) {
+        std::memset(static_cast<void*>(hashTable + c.first), 0, c.count * sizeof(hashBucketStruct));
     };
     std::vector<std::thread> workers;
-    for (u64 i = 0; i < t; i++) {
-        u64 count = i + 1 == t ? hashKeyMask - i * chunk + 2 : chunk;
+    for (int i = 0; i < t; i++) {
+        hashChunkStruct c = hashClearChunk(hashKeyMask + 1, t, i);
         try {
-            workers.emplace_back(zero, i * chunk, count);
+            workers.emplace_back(zero, c);
         } catch (const std::system_error&) {
-            zero(i * chunk, count);  // no thread to spare: do it here
+            zero(c);  // no thread to spare: do it here
         }
     }
     for (auto& w : workers)

@@ -35,6 +35,13 @@ u64 hashBucketsForMB(int mb);
 // returns the bucket count obtained.
 u64 resizeHashTable(u64 buckets, int threads = 1);
 void clearHashTableMT(int threads);
+// The buckets that clearing thread i of `threads` zeroes: (buckets / threads) from
+// i * that; the last thread takes the remainder and the spare bucket behind the table.
+struct hashChunkStruct {
+    u64 first;
+    u64 count;
+};
+hashChunkStruct hashClearChunk(u64 buckets, int threads, int i);
 void freeHashTable();
 // Start of a search: the age advances.
 inline void advanceHashAge() { hashAgeCounter = u8(hashHartBeat++ & 63); }

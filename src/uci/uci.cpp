@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -17,7 +18,9 @@
 #include "board/movegen.h"
 #include "board/perft.h"
 #include "board/zobrist.h"
+#include "eval/evaluate.h"
 #include "search/tt.h"
+#include "tuning/texel.h"
 #include "uci/engine.h"
 
 engineStruct engine;
@@ -67,12 +70,13 @@ bool readU64(const std::string& text, u64& out) {
     return true;
 }
 
-// The largest table that physical memory can hold comfortably: half of it.
+// The largest table that physical memory can hold comfortably: half of it. The tests
+// lower that ceiling with QUORVANE_HASH_LIMIT_MB so that the largest sizes stay cheap.
 u64 affordableBuckets(u64 wanted) {
     struct sysinfo si {};
-    if (sysinfo(&si) != 0)
-        return wanted;
-    u64 limit = u64(si.totalram) * si.mem_unit / 2 / 64;
+    u64 limit = sysinfo(&si) == 0 ? u64(si.totalram) * si.mem_unit / 2 / 64 : wanted;
+    if (const char* cap = std::getenv("QUORVANE_HASH_LIMIT_MB"))
+        limit = std::min<u64>(limit, std::strtoull(cap, nullptr, 10) * 16384);
     while (wanted > 16384 && wanted > limit)
         wanted /= 2;
     return wanted;
@@ -288,6 +292,21 @@ void cmdRtest(tokens& in) {
     resizeHashTable(hashKeyMask + 1, engine.nofThreads);
 }
 
+void cmdTexel(tokens& in) {
+    std::string path = "lichess-good.epd";
+    in >> path;
+    struct lineBuf : std::stringbuf {
+        int sync() override {
+            printText(str());
+            str("");
+            return 0;
+        }
+    } buf;
+    std::ostream stream(&buf);
+    runTexel(path, stream);
+    stream.flush();
+}
+
 void cmdUci() {
     printLine(std::string("id name ") + ENGINE_NAME + ENGINE_SUFFIX);
     printLine("id author Ollivark");
@@ -352,8 +371,14 @@ bool executeCommand(const std::string& line) {
         cmdRtest(in);
     else if (cmd == "perft")
         cmdPerft(in);
+    else if (cmd == "texel")
+        cmdTexel(in);
     else if (cmd == "showboard")
         printText(boardToString(&GPSData));
+    else if (cmd == "evil")
+        evaluateN(0, &GPSData);
+    else if (cmd == "eval")
+        printText(evalTraceText(&GPSData));
     else if (cmd == "help")
         cmdHelp();
     else

@@ -1,0 +1,81 @@
+// The "texel" command: the mean squared error between game results and a logistic
+// function of the static evaluation over a file of labelled positions, spread over a
+// pool of threads. It measures the current weights; it changes nothing.
+#pragma once
+
+#include <condition_variable>
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "board/position.h"
+
+struct texelPosStruct {
+    std::string fen;
+    double result;  // White's point of view: 1, 0.5 or 0
+    i16 unused;
+};
+
+// A weight a tuner may vary. The measuring command empties the list and never fills it.
+struct texelParStruct {
+    std::string name;
+    i32* value;
+};
+
+constexpr int TEXEL_WORKERS = 30;
+
+extern std::vector<texelPosStruct> texelPositions;
+extern std::vector<texelParStruct> texelPars;
+
+// One tuning thread with its share of the positions. It parks on its condition variable
+// while busy is false; busy is guarded by its mutex in both directions.
+class texelWorker {
+public:
+    texelWorker(int index, std::ostream& out);
+    virtual ~texelWorker();
+    // Evaluates the own share and stores the sum of squared errors in errorSum.
+    virtual void calcTexelPosSubset();
+
+    int index;
+    std::vector<texelPosStruct> positions;
+    std::mutex mutex;
+    std::condition_variable wakeUp;
+    std::thread thread;
+    bool stop = false;
+    bool busy = true;
+    double errorSum = 0;
+    positionStruct position;
+    positionStruct* pos = &position;
+
+private:
+    void atTheOffice();
+    std::ostream* out;
+};
+
+class texelWorkForce {
+public:
+    virtual ~texelWorkForce();
+    // Starts the workers one after the other, each after the previous one has reported.
+    virtual void hire(int count, std::ostream& out);
+    // Stops and joins every worker.
+    virtual void dismiss();
+    // Mean squared error over all of texelPositions; NaN when there are none.
+    virtual double calcTexelError();
+
+    std::vector<std::unique_ptr<texelWorker>> workers;
+};
+
+extern texelWorkForce theTexelWorkForce;
+
+struct texelResultStruct {
+    bool ran;  // false when the file could not be opened
+    double startError;
+    double endError;
+};
+
+// The command: loads `path`, hands the positions to TEXEL_WORKERS workers (the remainder
+// of the split to the last one), measures the error twice and reports on out.
+texelResultStruct runTexel(const std::string& path, std::ostream& out);

@@ -1,0 +1,267 @@
+// The real engine binary run as a child process, the way a chess GUI runs it: pipes on its
+// standard input and output, command lines written one at a time, replies read line by
+// line with a time limit. Standard error is inherited unless a file is named, so sanitizer
+// reports of the child land in the test log; a child stopped by a sanitizer shows up as a
+// non-zero exit status in finish().
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+// Sanitized builds run several times slower; every time limit is stretched by this.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int ENGINE_TIME_SCALE = 10;
+#else
+constexpr int ENGINE_TIME_SCALE = 1;
+#endif
+
+struct engineOptionsStruct {
+    std::vector<std::string> args;  // command-line arguments (command-line mode)
+    // Extra "NAME=value" environment entries. The hash ceiling keeps the largest "Hash"
+    // values from really claiming half the machine's memory.
+    std::vector<std::string> env = {"QUORVANE_HASH_LIMIT_MB=256"};
+    std::string workDir;     // working directory of the child; empty: the test's own
+    std::string stderrPath;  // file receiving the child's standard error; empty: inherited
+};
+
+class engineProcess {
+public:
+    static constexpr int DEFAULT_TIMEOUT_MS = 10000 * ENGINE_TIME_SCALE;
+
+    explicit engineProcess(const engineOptionsStruct& opts = {}) { start(opts); }
+    engineProcess(const engineProcess&) = delete;
+    engineProcess& operator=(const engineProcess&) = delete;
+    ~engineProcess() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        closeFd(toChild_);
+        closeFd(fromChild_);
+    }
+
+    bool started() const { return pid_ > 0; }
+
+    // Writes one command line (a newline is added). False when the child no longer reads.
+    bool send(const std::string& line) { return sendRaw(line + "\n"); }
+    bool sendRaw(const std::string& bytes) {
+        size_t done = 0;
+        while (toChild_ >= 0 && done < bytes.size()) {
+            ssize_t n = ::write(toChild_, bytes.data() + done, bytes.size() - done);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return false;
+            done += size_t(n);
+        }
+        return done == bytes.size();
+    }
+
+    // Closes the child's standard input: end of input, which the engine treats as "quit".
+    void closeInput() { closeFd(toChild_); }
+
+    // The next output line without its newline; nullopt on timeout or end of output.
+    std::optional<std::string> readLine(int timeoutMs = DEFAULT_TIMEOUT_MS) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            size_t nl = pending_.find('\n');
+            if (nl != std::string::npos) {
+                std::string line = pending_.substr(0, nl);
+                pending_.erase(0, nl + 1);
+                return line;
+            }
+            if (eof_) {
+                if (pending_.empty())
+                    return std::nullopt;
+                std::string line;
+                line.swap(pending_);
+                return line;
+            }
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            deadline - std::chrono::steady_clock::now()).count();
+            if (left <= 0 || !fill(int(left)))
+                return std::nullopt;
+        }
+    }
+
+    // Lines up to and including the first one equal to `last`; nullopt when it never came.
+    std::optional<std::vector<std::string>> readUntil(const std::string& last,
+                                                      int timeoutMs = DEFAULT_TIMEOUT_MS) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        std::vector<std::string> lines;
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            deadline - std::chrono::steady_clock::now()).count();
+            auto line = readLine(int(std::max<long long>(left, 0)));
+            if (!line)
+                return std::nullopt;
+            lines.push_back(*line);
+            if (*line == last)
+                return lines;
+        }
+    }
+
+    // Sends `line` followed by "isready" and returns what came before the "readyok". For
+    // commands that print "readyok" themselves ("ucinewgame") read with readUntil instead.
+    std::optional<std::vector<std::string>> ask(const std::string& line,
+                                                int timeoutMs = DEFAULT_TIMEOUT_MS) {
+        if (!send(line) || !send("isready"))
+            return std::nullopt;
+        auto lines = readUntil("readyok", timeoutMs);
+        if (lines)
+            lines->pop_back();
+        return lines;
+    }
+
+    // Closes the input, reads the remaining output (kept in rest()) and waits for the
+    // exit. Returns the exit status, 128 + signal for a child killed by a signal, or -1
+    // when it did not end in time (it is then killed).
+    int finish(int timeoutMs = DEFAULT_TIMEOUT_MS) {
+        closeInput();
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!eof_) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            deadline - std::chrono::steady_clock::now()).count();
+            if (left <= 0 || !fill(int(left)))
+                break;
+        }
+        rest_ += pending_;
+        pending_.clear();
+        while (pid_ > 0) {
+            int status = 0;
+            pid_t r = ::waitpid(pid_, &status, WNOHANG);
+            if (r == pid_) {
+                pid_ = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            if (r < 0 || std::chrono::steady_clock::now() > deadline)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+        return -1;
+    }
+
+    // Output read by finish() after the last line taken with readLine().
+    const std::string& rest() const { return rest_; }
+    // Everything read from the child so far, for failure messages.
+    const std::string& transcript() const { return transcript_; }
+
+private:
+    pid_t pid_ = -1;
+    int toChild_ = -1, fromChild_ = -1;
+    bool eof_ = false;
+    std::string pending_, rest_, transcript_;
+
+    static void closeFd(int& fd) {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+
+    void start(const engineOptionsStruct& opts) {
+        // A child that died must not kill the test with SIGPIPE on the next write.
+        ::signal(SIGPIPE, SIG_IGN);
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0)
+            return;
+        if (::pipe2(out, O_CLOEXEC) != 0) {
+            ::close(in[0]);
+            ::close(in[1]);
+            return;
+        }
+        // Everything the child needs is built before fork: after it only async-signal-safe
+        // calls are allowed.
+        std::vector<std::string> argStore = {QUORVANE_BINARY};
+        argStore.insert(argStore.end(), opts.args.begin(), opts.args.end());
+        std::vector<char*> argv;
+        for (auto& a : argStore)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        std::vector<std::string> envStore = opts.env;
+        std::vector<char*> envp;
+        for (auto& e : envStore)
+            envp.push_back(e.data());
+        for (char** e = environ; *e; e++)
+            envp.push_back(*e);
+        envp.push_back(nullptr);
+        const char* dir = opts.workDir.empty() ? nullptr : opts.workDir.c_str();
+        const char* errPath = opts.stderrPath.empty() ? nullptr : opts.stderrPath.c_str();
+
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(in[0], 0);
+            ::dup2(out[1], 1);
+            if (errPath) {
+                int fd = ::open(errPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+                if (fd >= 0)
+                    ::dup2(fd, 2);
+            }
+            if (dir && ::chdir(dir) != 0)
+                ::_exit(126);
+            ::execve(argv[0], argv.data(), envp.data());
+            ::_exit(127);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        toChild_ = in[1];
+        fromChild_ = out[0];
+        if (pid_ < 0) {
+            closeFd(toChild_);
+            closeFd(fromChild_);
+        }
+    }
+
+    // Waits up to timeoutMs for output and appends it; false on timeout.
+    bool fill(int timeoutMs) {
+        if (fromChild_ < 0) {
+            eof_ = true;
+            return true;
+        }
+        pollfd p{fromChild_, POLLIN, 0};
+        int r = ::poll(&p, 1, timeoutMs);
+        if (r < 0 && errno == EINTR)
+            return true;
+        if (r <= 0)
+            return false;
+        char buf[65536];
+        ssize_t n = ::read(fromChild_, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            return true;
+        if (n <= 0) {
+            eof_ = true;
+            closeFd(fromChild_);
+            return true;
+        }
+        pending_.append(buf, size_t(n));
+        transcript_.append(buf, size_t(n));
+        return true;
+    }
+};
+
+// Reads a whole text file (for standard error captured in a file).
+inline std::string readTextFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
