@@ -288,6 +288,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
         ps.currentMove = m;
         makeMove(pos, ply, m);
+        prefetchHash(pos->hashKey);   // the child probes first thing
         child.inCheck = inCheckNow(pos);
 
         // A move both continuation histories rate highly is searched a ply deeper.

@@ -2,6 +2,9 @@
 // with the static evaluation as a stand-pat lower bound. It reads the transposition
 // table but never writes it, and it neither looks at the clock nor at the stop flag:
 // a stopped search finishes its quiescence subtrees and the node search above returns.
+//
+// Our choices: below depth -4 the same capture generation is used, only without the
+// exchange filter; a capture passed over by the filter is dropped, not searched later.
 #include <algorithm>
 
 #include "board/makemove.h"
@@ -84,6 +87,7 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
             continue;
 
         makeMove(pos, ply, m);
+        prefetchHash(pos->hashKey);   // the child probes first thing
         child.inCheck = inCheckNow(pos);
         int score;
         if (searched == 0) {
