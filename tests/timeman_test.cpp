@@ -162,13 +162,13 @@ TEST(TimeBudget, NonsenseMovesToGoDoesNotDivideByZero) {
 }
 
 TEST(StopRules, IterationFactor) {
-    EXPECT_FLOAT_EQ(iterationFactor(5, 10, 1.7f), 1.0f);   // below depth 6
-    EXPECT_FLOAT_EQ(iterationFactor(6, 3, 1.0f), 1.6f);    // previous forgotten at >= 1
-    EXPECT_FLOAT_EQ(iterationFactor(6, 3, 1.5f), 1.6f);
-    EXPECT_FLOAT_EQ(iterationFactor(6, 2, 0.9f), 0.4f + 0.72f);
-    EXPECT_FLOAT_EQ(iterationFactor(6, 1, 1.0f), 0.9f);
-    EXPECT_FLOAT_EQ(iterationFactor(9, 0, 0.6f), 0.6f);     // clamped below
-    EXPECT_FLOAT_EQ(iterationFactor(9, 12, 1.0f), 2.0f);    // clamped above
+    EXPECT_FLOAT_EQ(nextIterationFactor(5, 10, 1.7f), 1.0f);   // below depth 6
+    EXPECT_FLOAT_EQ(nextIterationFactor(6, 3, 1.0f), 1.6f);    // previous forgotten at >= 1
+    EXPECT_FLOAT_EQ(nextIterationFactor(6, 3, 1.5f), 1.6f);
+    EXPECT_FLOAT_EQ(nextIterationFactor(6, 2, 0.9f), 0.4f + 0.72f);
+    EXPECT_FLOAT_EQ(nextIterationFactor(6, 1, 1.0f), 0.9f);
+    EXPECT_FLOAT_EQ(nextIterationFactor(9, 0, 0.6f), 0.6f);     // clamped below
+    EXPECT_FLOAT_EQ(nextIterationFactor(9, 12, 1.0f), 2.0f);    // clamped above
 }
 
 TEST(StopRules, SoftAndIterationTests) {

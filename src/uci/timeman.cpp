@@ -103,7 +103,7 @@ void computeTimeBudget(engineStruct& e, int side) {
 
 void computeTimeBudget() { computeTimeBudget(engine, GPSData.sideToMove); }
 
-float iterationFactor(int depth, int instability, float previous) {
+float nextIterationFactor(int depth, int instability, float previous) {
     if (depth < 6)
         return 1.0f;
     float f;

@@ -21,7 +21,7 @@ void computeTimeBudget();
 // The iteration factor after an iteration of depth `depth` whose instability (best-move
 // changes plus extra aspiration failures) was `instability`; `previous` is the factor of
 // the iteration before (1.0 before depth 6).
-float iterationFactor(int depth, int instability, float previous);
+float nextIterationFactor(int depth, int instability, float previous);
 
 // Hard limit: true when the time is up and neither pondering nor infinite analysis
 // suspends the clock (then the clock is not even read). The tree search polls it.
