@@ -79,4 +79,3 @@ BENCHMARK(BM_EvaluateBothCaches);
 
 }  // namespace
 
-BENCHMARK_MAIN();

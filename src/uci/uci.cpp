@@ -20,6 +20,7 @@
 #include "board/zobrist.h"
 #include "eval/evaluate.h"
 #include "search/tt.h"
+#include "tablebase/tbprobe.h"
 #include "tuning/texel.h"
 #include "uci/engine.h"
 
@@ -236,6 +237,7 @@ void cmdSetOption(tokens& in) {
         printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));
     } else if (name == "SyzygyPath") {
         engine.syzygyPath = value;
+        init_tablebases(value);
         printLine("info string Syzygy tablebases used from directory : " + value);
     } else if (name == "SyzygyProbeDepth") {
         if (numeric(0, 127, v)) {
