@@ -15,8 +15,10 @@
 #include "search/movepick.h"
 #include "search/search.h"
 #include "search/searchparams.h"
+#include "search/searchutil.h"
 #include "search/see.h"
 #include "search/tt.h"
+#include "tablebase/tbprobe.h"
 #include "test_util.h"
 #include "uci/engine.h"
 #include "uci/uci.h"
@@ -319,6 +321,71 @@ TEST_F(SearchTest, StopFlagAndHardLimit) {
     EXPECT_FALSE(theWorkForce.stopSearch.load());
     theWorkForce.pondering = false;
     engine = saved;
+}
+
+// Tablebase results inside the tree: a win at ply 10 scores 31862 and is stored with
+// depth 127 and no mate adjustment, a loss the negation, a draw 0 as an exact entry;
+// four-piece positions wait for SyzygyProbeDepth, three-piece ones do not.
+TEST_F(SearchTest, TablebaseResultsInTheTree) {
+    REQUIRE_DATA("syzygy/KQvK.rtbw");
+    REQUIRE_DATA("syzygy_cases.tsv");
+    init_tablebases(dataPath("syzygy"));
+    ASSERT_EQ(TB_LARGEST, 4);
+    const u8 ply = 10;
+    // The loaded position stands for a node at `ply` reached without castling rights.
+    auto asNode = [&](const std::string& fen) {
+        positionStruct* pos = load(fen);
+        pos->plyStack[ply] = pos->plyStack[0];
+        pos->plyStack[ply - 2].staticEval = 0;
+        pos->tbHits = 0;
+        return pos;
+    };
+    int checked[3] = {0, 0, 0};
+    std::ifstream in(dataPath("syzygy_cases.tsv"));
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::istringstream cols(line);
+        std::string fen, wdlText;
+        std::getline(cols, fen, '\t');
+        std::getline(cols, wdlText, '\t');
+        const int wdl = std::stoi(wdlText);
+        if (wdl == 1 || wdl == -1)
+            continue;
+        positionStruct* pos = asNode(fen);
+        if (insufficientMaterial(pos))
+            continue;
+        const int expected = wdl == 2 ? MATE_BAND - ply : wdl == -2 ? ply - MATE_BAND : 0;
+        const int alpha = wdl == 2 ? 30000 : wdl == -2 ? -30001 : -100;
+        EXPECT_EQ(node(ply, 3, alpha, alpha + 1), expected) << fen;
+        EXPECT_EQ(pos->tbHits, 1u) << fen;
+        const u64 entry = probeHash(pos->hashKey);
+        EXPECT_EQ(hashDepth(entry), 127) << fen;
+        EXPECT_EQ(hashScore(entry), expected) << fen;
+        EXPECT_EQ(hashMove(entry), 0u) << fen;
+        EXPECT_EQ(hashBound(entry), wdl == 2 ? BOUND_LOWER : wdl == -2 ? BOUND_UPPER : BOUND_EXACT) << fen;
+        checked[wdl / 2 + 1]++;
+    }
+    EXPECT_GT(checked[0], 10);
+    EXPECT_GT(checked[1], 10);
+    EXPECT_GT(checked[2], 10);
+
+    // A loss inside the window is searched on, not returned.
+    positionStruct* pos = asNode("1Q1k4/8/p7/8/8/6K1/8/8 b - - 0 1");
+    EXPECT_NE(node(ply, 2, -INF_SCORE, INF_SCORE), ply - MATE_BAND);
+    EXPECT_EQ(pos->tbHits, 1u);
+
+    const int savedProbeDepth = engine.syzygyProbeDepth;
+    engine.syzygyProbeDepth = 5;
+    pos = asNode("1Q1k4/8/p7/8/8/6K1/8/8 b - - 0 1");   // four pieces, depth 3 < 5
+    node(ply, 3, -30001, -30000);
+    EXPECT_EQ(pos->tbHits, 0u);
+    pos = asNode("8/8/8/4k3/8/8/8/KQ6 b - - 0 1");     // three pieces: always probed
+    EXPECT_EQ(node(ply, 3, -30001, -30000), ply - MATE_BAND);
+    EXPECT_EQ(pos->tbHits, 1u);
+    engine.syzygyProbeDepth = savedProbeDepth;
+    init_tablebases("");
+    EXPECT_EQ(TB_LARGEST, 0);
 }
 
 // Hand-checked exchanges. Values: pawn 88, minor 335, rook 521.
