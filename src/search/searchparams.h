@@ -1,0 +1,64 @@
+// The tunables of the tree search, kept together. Everything here is constant.
+#pragma once
+
+#include "board/types.h"
+
+// Reverse futility: a static score this far above beta at this depth ends the node.
+constexpr int futility[8] = {0, 65, 130, 195, 260, 325, 390, 455};
+constexpr int FUTILITY_MAX_DEPTH = 6;
+
+// Razoring: below alpha by more than this, a quiescence search decides. [improving][depth]
+constexpr int razor[2][4] = {{0, 90, 140, 200}, {0, 120, 190, 240}};
+constexpr int RAZOR_MAX_DEPTH = 3;
+
+// Late-move pruning: quiet moves searched at most before the rest are skipped.
+// [improving][depth]
+constexpr u8 LMP[2][8] = {{1, 2, 3, 5, 7, 10, 14, 19}, {2, 4, 6, 8, 11, 16, 20, 27}};
+constexpr int LMP_MAX_DEPTH = 7;
+
+// Piece values of the static exchange, by piece code (white and black alternate).
+constexpr i16 seeValue[14] = {0, 0, 88, 88, 335, 335, 335, 335, 521, 521, 1035, 1035, 10000, 10000};
+
+// Exchange-test pruning of quiet moves: at depth d a move whose exchange loses more
+// than QUIET_SEE_MARGIN * d is skipped.
+constexpr int QUIET_SEE_MAX_DEPTH = 6;
+constexpr int QUIET_SEE_MARGIN = 64;
+
+// Null move: R = NULL_BASE + depth / NULL_DEPTH_DIV + min(NULL_EVAL_MAX, (e - beta) / NULL_EVAL_DIV).
+constexpr int NULL_MIN_DEPTH = 4;
+constexpr int NULL_BASE = 3;
+constexpr int NULL_DEPTH_DIV = 4;
+constexpr int NULL_EVAL_DIV = 90;
+constexpr int NULL_EVAL_MAX = 3;
+
+// ProbCut: a capture that beats beta by this margin in a reduced search ends the node.
+constexpr int PROBCUT_MIN_DEPTH = 5;
+constexpr int PROBCUT_MARGIN = 110;
+constexpr int PROBCUT_REDUCTION = 3;
+
+// Internal iterative deepening without a hash move.
+constexpr int IID_MIN_DEPTH = 8;
+constexpr int IID_REDUCTION = 6;
+constexpr int IID_MARGIN = 100;
+
+// Late-move reductions apply from this depth on.
+constexpr int LMR_MIN_DEPTH = 3;
+
+// A move whose two continuation-history scores both exceed this is extended by a ply.
+constexpr int CONT_HIST_EXTENSION = 4096;
+
+// History bonus of a cut-off at depth d: HISTORY_SCALE * min(d * d, HISTORY_MAX_DEPTH_SQ);
+// the tables are only updated up to HISTORY_MAX_DEPTH. HISTORY_GRAVITY bounds the entries.
+constexpr int HISTORY_SCALE = 32;
+constexpr int HISTORY_MAX_DEPTH_SQ = 324;
+constexpr int HISTORY_MAX_DEPTH = 18;
+constexpr int HISTORY_GRAVITY = 8192;
+
+// Quiescence applies the exchange filter between these depths (0 at its entry).
+constexpr int QS_SEE_MIN_DEPTH = -4;
+
+// Entry tests shared by both searches: no pawns and both material sums at most this.
+constexpr int INSUFFICIENT_MATERIAL = 377;
+constexpr int TB_WIN = MATE_BAND;        // a tablebase win at ply p scores TB_WIN - p
+constexpr int TB_DEPTH = 127;            // stored depth of tablebase results
+constexpr int CHECK_EVAL = -32767;       // static evaluation placeholder in check
