@@ -66,7 +66,9 @@ struct session {
 };
 
 TEST(UciTranscript, BannerUciAndIsready) {
-    session s;
+    engineOptionsStruct opts;
+    opts.stderrPath = testing::TempDir() + "quorvane_banner_stderr.txt";
+    session s(opts);
     EXPECT_EQ(s.ask("uci"),
               (lines{"id name Quorvane 2.3 NOP", "id author Ollivark",
                      "option name Hash type spin default 256 min 1 max 262144",
@@ -81,6 +83,7 @@ TEST(UciTranscript, BannerUciAndIsready) {
     s.engine.send("ucinewgame");
     EXPECT_EQ(s.engine.readLine(), "readyok");
     EXPECT_EQ(s.engine.finish(), 0);
+    EXPECT_EQ(readTextFile(opts.stderrPath), "");  // nothing on standard error
 }
 
 TEST(UciTranscript, SetOptionEchoesWithClamping) {
