@@ -28,12 +28,12 @@ void perftBench(benchmark::State& state, const char* fen, int depth) {
         benchmark::DoNotOptimize(nodes);
     }
     state.counters["nodes"] = double(nodes);
-    state.counters["nps"] = benchmark::Counter(double(nodes) * double(state.iterations()),
-                                               benchmark::Counter::kIsRate);
+    state.counters["nps"] =
+        benchmark::Counter(double(nodes) * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 
-BENCHMARK_CAPTURE(perftBench, startpos_d6, "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1",
-                  6)
+BENCHMARK_CAPTURE(perftBench, startpos_d6,
+                  "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1", 6)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(perftBench, kiwipete_d5,
                   "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1", 5)

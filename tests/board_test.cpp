@@ -29,8 +29,8 @@ bitboard walkAttacks(int from, bitboard occ, bool rook) {
                                       {{1, 0}, {-1, 0}, {0, 1}, {0, -1}}};
     bitboard att = 0;
     for (const auto& d : dirs[rook]) {
-        for (int f = fileOf(from) + d[0], r = rankOf(from) + d[1]; f >= 0 && f < 8 && r >= 0 && r < 8;
-             f += d[0], r += d[1]) {
+        for (int f = fileOf(from) + d[0], r = rankOf(from) + d[1];
+             f >= 0 && f < 8 && r >= 0 && r < 8; f += d[0], r += d[1]) {
             att |= bb(8 * r + f);
             if (occ & bb(8 * r + f))
                 break;
@@ -106,7 +106,8 @@ TEST(BitboardTables, MagicLookupsMatchRayWalks) {
     }
     // The blocks lie end to end and fill both tables exactly.
     EXPECT_EQ(rookAttackLUT[0].table, rookAttackTable);
-    EXPECT_EQ(rookAttackLUT[63].table + (1 << (64 - rookAttackLUT[63].shift)), rookAttackTable + 102400);
+    EXPECT_EQ(rookAttackLUT[63].table + (1 << (64 - rookAttackLUT[63].shift)),
+              rookAttackTable + 102400);
     EXPECT_EQ(bishopAttackLUT[63].table + (1 << (64 - bishopAttackLUT[63].shift)),
               bishopAttackTable + 5248);
     EXPECT_EQ(popCount(queenAttacks(sq("d4"), 0)), 27);
@@ -114,8 +115,7 @@ TEST(BitboardTables, MagicLookupsMatchRayWalks) {
 
 TEST(BitboardTables, LinesAndDistances) {
     initTables();
-    EXPECT_EQ(inBetweenSquares[sq("a1")][sq("h8")],
-              squares({"b2", "c3", "d4", "e5", "f6", "g7"}));
+    EXPECT_EQ(inBetweenSquares[sq("a1")][sq("h8")], squares({"b2", "c3", "d4", "e5", "f6", "g7"}));
     EXPECT_EQ(inBetweenSquares[sq("h8")][sq("a1")], inBetweenSquares[sq("a1")][sq("h8")]);
     EXPECT_EQ(inBetweenSquares[sq("a1")][sq("b3")], 0u);
     EXPECT_EQ(inBetweenSquares[sq("e4")][sq("e5")], 0u);
@@ -137,18 +137,24 @@ TEST(BitboardTables, PawnAndKingMasks) {
     EXPECT_EQ(ranksAtOrAbove[WHITE][sq("c3")], ~(rankBB(0) | rankBB(1)));
     EXPECT_EQ(ranksAtOrAbove[BLACK][sq("c3")], rankBB(0) | rankBB(1) | rankBB(2));
     bitboard def = fileBB(3) | fileBB(4) | fileBB(5);
-    EXPECT_EQ(passedPawnsMask[WHITE][sq("e4")], def & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
-    EXPECT_EQ(passedPawnsMask[BLACK][sq("e5")], def & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
+    EXPECT_EQ(passedPawnsMask[WHITE][sq("e4")],
+              def & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
+    EXPECT_EQ(passedPawnsMask[BLACK][sq("e5")],
+              def & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
     EXPECT_EQ(passedPawnsMask[WHITE][sq("a7")], (fileBB(0) | fileBB(1)) & rankBB(7));
     EXPECT_EQ(passedPawnsMask[WHITE][sq("e1")], 0u);
     EXPECT_EQ(passedPawnsMask[BLACK][sq("e8")], 0u);
     // King zones: 3 x 4 boxes kept away from the edges.
     bitboard fgh = fileBB(5) | fileBB(6) | fileBB(7);
-    EXPECT_EQ(kingSafetyArea[WHITE][sq("g1")], fgh & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
-    EXPECT_EQ(kingSafetyArea[WHITE][sq("h8")], fgh & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
-    EXPECT_EQ(kingSafetyArea[BLACK][sq("g8")], fgh & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
-    EXPECT_EQ(kingSafetyArea[BLACK][sq("a1")],
-              (fileBB(0) | fileBB(1) | fileBB(2)) & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
+    EXPECT_EQ(kingSafetyArea[WHITE][sq("g1")],
+              fgh & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
+    EXPECT_EQ(kingSafetyArea[WHITE][sq("h8")],
+              fgh & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
+    EXPECT_EQ(kingSafetyArea[BLACK][sq("g8")],
+              fgh & (rankBB(4) | rankBB(5) | rankBB(6) | rankBB(7)));
+    EXPECT_EQ(
+        kingSafetyArea[BLACK][sq("a1")],
+        (fileBB(0) | fileBB(1) | fileBB(2)) & (rankBB(0) | rankBB(1) | rankBB(2) | rankBB(3)));
     EXPECT_EQ(kingSafetyArea[WHITE][sq("d4")],
               (fileBB(2) | def) & ~fileBB(5) & (rankBB(2) | rankBB(3) | rankBB(4) | rankBB(5)));
 }
@@ -159,9 +165,9 @@ TEST(BitboardTables, LateMoveReductions) {
         EXPECT_EQ(LMR[0][c], c == 3 ? 1 : 0) << c;
     for (int r = 0; r < 128; r++)
         EXPECT_EQ(LMR[r][3], 1);
-    EXPECT_EQ(LMR[9][11], 3);     // sqrt(81 / 9)
-    EXPECT_EQ(LMR[10][5], 1);     // sqrt(30 / 9 = 3)
-    EXPECT_EQ(LMR[127][255], 59); // sqrt(32131 / 9 = 3570)
+    EXPECT_EQ(LMR[9][11], 3);      // sqrt(81 / 9)
+    EXPECT_EQ(LMR[10][5], 1);      // sqrt(30 / 9 = 3)
+    EXPECT_EQ(LMR[127][255], 59);  // sqrt(32131 / 9 = 3570)
 }
 
 // -------------------------------------------------------------------------------------------
@@ -203,9 +209,9 @@ TEST(MoveGen, CaptureOrderAndKeys) {
     for (const auto& m : pseudoMoves(pos.get()))
         if (pos->board[m.to] || m.type == MT_ENPASSANT)
             caps.push_back(moveToLA(&m, WHITE) + ":" + std::to_string(m.score));
-    EXPECT_EQ(caps, (std::vector<std::string>{"d4e5:22", "d4c5:22", "f3d2:36", "f3h2:84",
-                                              "f3e5:20", "f3g5:20", "g1h2:82", "a1a7:64",
-                                              "f5g6:14", "e1d2:28"}));
+    EXPECT_EQ(caps,
+              (std::vector<std::string>{"d4e5:22", "d4c5:22", "f3d2:36", "f3h2:84", "f3e5:20",
+                                        "f3g5:20", "g1h2:82", "a1a7:64", "f5g6:14", "e1d2:28"}));
 
     // Black takes towards the a-file first; the same capture scores 8 less than White's
     // because the captured code carries its colour.
@@ -219,7 +225,8 @@ TEST(MoveGen, CaptureOrderAndKeys) {
 TEST(MoveGen, EnPassantIsStoredAsTheCapturedPawn) {
     testPosition pos("4k3/8/8/3pP3/8/8/8/4K3 w - d6 0 1");
     auto moves = legalMoves(pos.get());
-    auto ep = std::find_if(moves.begin(), moves.end(), [](auto& m) { return m.type == MT_ENPASSANT; });
+    auto ep =
+        std::find_if(moves.begin(), moves.end(), [](auto& m) { return m.type == MT_ENPASSANT; });
     ASSERT_NE(ep, moves.end());
     EXPECT_EQ(ep->from, sq("e5"));
     EXPECT_EQ(ep->to, sq("d5"));
@@ -229,9 +236,11 @@ TEST(MoveGen, EnPassantIsStoredAsTheCapturedPawn) {
     // Taking would leave both pawns off the fifth rank and the king open to the rook.
     testPosition pinned("8/8/8/K2pP2r/8/8/8/7k w - d6 0 1");
     auto pseudo = pseudoMoves(pinned.get());
-    EXPECT_TRUE(std::any_of(pseudo.begin(), pseudo.end(), [](auto& m) { return m.type == MT_ENPASSANT; }));
+    EXPECT_TRUE(
+        std::any_of(pseudo.begin(), pseudo.end(), [](auto& m) { return m.type == MT_ENPASSANT; }));
     auto legal = legalMoves(pinned.get());
-    EXPECT_FALSE(std::any_of(legal.begin(), legal.end(), [](auto& m) { return m.type == MT_ENPASSANT; }));
+    EXPECT_FALSE(
+        std::any_of(legal.begin(), legal.end(), [](auto& m) { return m.type == MT_ENPASSANT; }));
 }
 
 TEST(MoveGen, DoubleCheckLeavesOnlyKingMoves) {
@@ -258,8 +267,8 @@ TEST(MoveGen, EvasionOrderAndKeys) {
     // Rook e8 checks: king moves (e2 stays attacked through the king), then captures of
     // the checker and interpositions by knights, bishops, rooks, queens.
     EXPECT_EQ(evasions("k3r3/7R/3N4/8/1Q6/2N5/5B2/4K3 w - - 0 1"),
-              (v{"e1d1:202", "e1f1:202", "e1d2:202", "c3e2:206", "c3e4:206", "d6e4:206",
-                 "d6e8:236", "f2e3:205", "h7e7:204", "b4e4:203"}));
+              (v{"e1d1:202", "e1f1:202", "e1d2:202", "c3e2:206", "c3e4:206", "d6e4:206", "d6e8:236",
+                 "f2e3:205", "h7e7:204", "b4e4:203"}));
     // King captures: the checker scores code - 35, another piece code - 36 (as a byte).
     EXPECT_EQ(evasions("4k3/8/8/8/2B5/8/4r3/3nK3 w - - 0 1"),
               (v{"e1d1:" + std::to_string(u8(BKNIGHT - 36)), "e1f1:202",
@@ -296,11 +305,12 @@ TEST(MoveGen, Castling) {
     EXPECT_EQ(castles("r3k2r/8/8/8/8/8/5r2/R3K2R w KQkq - 0 1"), (v{"e1c1"}));  // f1 attacked
     EXPECT_EQ(castles("r3k2r/8/8/8/8/8/3r4/R3K2R w KQkq - 0 1"), (v{"e1g1"}));  // d1 attacked
     EXPECT_EQ(castles("r3k2r/8/8/8/8/8/1r6/R3K2R w KQkq - 0 1"), (v{"e1g1", "e1c1"}));  // b1 only
-    EXPECT_EQ(castles("r3k2r/8/8/8/8/8/8/RN2K1NR w KQkq - 0 1"), v{});          // blocked
+    EXPECT_EQ(castles("r3k2r/8/8/8/8/8/8/RN2K1NR w KQkq - 0 1"), v{});                  // blocked
     // Destination attacked: generated, then removed by the filter.
     testPosition dest("r3k2r/8/8/8/8/8/6r1/R3K2R w KQkq - 0 1");
     auto pseudo = pseudoMoves(dest.get());
-    EXPECT_TRUE(std::any_of(pseudo.begin(), pseudo.end(), [](auto& m) { return m.type == MT_CASTLE_K; }));
+    EXPECT_TRUE(
+        std::any_of(pseudo.begin(), pseudo.end(), [](auto& m) { return m.type == MT_CASTLE_K; }));
     EXPECT_EQ(castles("r3k2r/8/8/8/8/8/6r1/R3K2R w KQkq - 0 1"), (v{"e1c1"}));
 }
 
@@ -336,8 +346,12 @@ struct snapshotStruct {
     std::vector<u64> keys;
 
     explicit snapshotStruct(const positionStruct* p)
-        : hashKey(p->hashKey), pawnKey(p->pawnKey), phase(p->phase), sideToMove(p->sideToMove),
-          gamePly(p->gamePly), halfMoveClock(p->halfMoveClock),
+        : hashKey(p->hashKey),
+          pawnKey(p->pawnKey),
+          phase(p->phase),
+          sideToMove(p->sideToMove),
+          gamePly(p->gamePly),
+          halfMoveClock(p->halfMoveClock),
           keys(p->keyHistory, p->keyHistory + p->gamePly) {
         std::memcpy(board, p->board, sizeof board);
         std::memcpy(bitboards, p->bitboards, sizeof bitboards);
@@ -345,11 +359,12 @@ struct snapshotStruct {
         std::memcpy(psqScore, p->psqScore, sizeof psqScore);
     }
     bool operator==(const snapshotStruct& o) const {
-        return !std::memcmp(board, o.board, sizeof board) && !std::memcmp(bitboards, o.bitboards, sizeof bitboards)
-            && hashKey == o.hashKey && pawnKey == o.pawnKey && !std::memcmp(material, o.material, sizeof material)
-            && !std::memcmp(psqScore, o.psqScore, sizeof psqScore) && phase == o.phase
-            && sideToMove == o.sideToMove && gamePly == o.gamePly && halfMoveClock == o.halfMoveClock
-            && keys == o.keys;
+        return !std::memcmp(board, o.board, sizeof board)
+               && !std::memcmp(bitboards, o.bitboards, sizeof bitboards) && hashKey == o.hashKey
+               && pawnKey == o.pawnKey && !std::memcmp(material, o.material, sizeof material)
+               && !std::memcmp(psqScore, o.psqScore, sizeof psqScore) && phase == o.phase
+               && sideToMove == o.sideToMove && gamePly == o.gamePly
+               && halfMoveClock == o.halfMoveClock && keys == o.keys;
     }
 };
 
@@ -396,7 +411,8 @@ void expectLegalListIsExact(positionStruct* pos, int ply, const std::string& whe
     auto legal = legalMoves(pos, ply);
     std::set<u32> legalSet;
     for (const auto& m : legal)
-        ASSERT_TRUE(legalSet.insert(m.packed() & 0xFFFFFF).second) << "duplicate " << moveToLA(&m, pos->sideToMove) << where;
+        ASSERT_TRUE(legalSet.insert(m.packed() & 0xFFFFFF).second)
+            << "duplicate " << moveToLA(&m, pos->sideToMove) << where;
 
     plyStruct& ps = pos->plyStack[ply];
     u8 inCheck = ps.inCheck;
@@ -422,7 +438,8 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
     testPosition pos;
     std::mt19937 rng(20240601);
     const int games = 2000 / TEST_WORK_DIVISOR;
-    const char* starts[] = {fenStartPos, "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
+    const char* starts[] = {fenStartPos,
+                            "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
                             "8/2p5/3p4/KP5r/1R3p1k/8/4P1P1/8 w - - 0 1",
                             "r3k2r/Pppp1ppp/1b3nbN/nP6/BBP1P3/q4N2/Pp1P2PP/R2Q1RK1 w kq - 0 1",
                             "rnbq1k1r/pp1Pbppp/2p5/8/2B5/8/PPP1NnPP/RNBQK2R w KQ - 1 8"};
@@ -446,9 +463,11 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
             snapshotStruct before(pos.get());
             auto tryMove = [&](const moveStruct& m) {
                 makeMove(pos.get(), ply, m);
-                expectConsistent(pos.get(), ply + 1, where + " after " + moveToLA(&m, before.sideToMove));
+                expectConsistent(pos.get(), ply + 1,
+                                 where + " after " + moveToLA(&m, before.sideToMove));
                 takeBack(pos.get(), ply, m);
-                ASSERT_TRUE(snapshotStruct(pos.get()) == before) << where << " " << moveToLA(&m, before.sideToMove);
+                ASSERT_TRUE(snapshotStruct(pos.get()) == before)
+                    << where << " " << moveToLA(&m, before.sideToMove);
                 checked++;
             };
             if (ply % 8 == 0)
@@ -506,12 +525,14 @@ TEST(Zobrist, KeysOfSpecificMoves) {
     const auto& P = hashCodePiece;
     // The en-passant file enters the key even though no black pawn can take.
     play(0, "e2e4");
-    u64 afterE4 = start ^ P[WPAWN][sq("e2")] ^ P[WPAWN][sq("e4")] ^ hashCodeEnpassant[4] ^ hashCodeBlackToMove;
+    u64 afterE4 = start ^ P[WPAWN][sq("e2")] ^ P[WPAWN][sq("e4")] ^ hashCodeEnpassant[4]
+                  ^ hashCodeBlackToMove;
     EXPECT_EQ(pos->hashKey, afterE4);
     EXPECT_EQ(pos->plyStack[1].enPassantSquare, sq("e4"));
     // After e5 the e-file key leaves and comes back.
     play(1, "e7e5");
-    EXPECT_EQ(pos->hashKey, afterE4 ^ P[BPAWN][sq("e7")] ^ P[BPAWN][sq("e5")] ^ hashCodeBlackToMove);
+    EXPECT_EQ(pos->hashKey,
+              afterE4 ^ P[BPAWN][sq("e7")] ^ P[BPAWN][sq("e5")] ^ hashCodeBlackToMove);
     play(2, "g1f3");
     EXPECT_EQ(pos->plyStack[3].enPassantSquare, 0);
     EXPECT_EQ(pos->hashKey, afterE4 ^ P[BPAWN][sq("e7")] ^ P[BPAWN][sq("e5")] ^ hashCodeEnpassant[4]
@@ -532,7 +553,7 @@ TEST(Zobrist, CastlingRightsChanges) {
         {"r3k2r/8/8/8/8/8/8/R3K2R w KQkq - 0 1", "e1g1", 10},    // castling too
         {"r3k2r/8/8/8/8/8/8/R3K2R w KQkq - 0 1", "h1h2", 14},
         {"r3k2r/8/8/8/8/8/8/R3K2R b KQkq - 0 1", "a8a7", 7},
-        {"r3k2r/8/8/8/8/8/8/R2RK2R w KQkq - 0 1", "d1d2", 15},   // rook off a corner: nothing
+        {"r3k2r/8/8/8/8/8/8/R2RK2R w KQkq - 0 1", "d1d2", 15},  // rook off a corner: nothing
     };
     for (const auto& c : cases) {
         testPosition pos(c.fen);
@@ -560,7 +581,8 @@ TEST(Fen, AcceptedEdgeCases) {
     EXPECT_EQ(pos->halfMoveClock, 0);
     EXPECT_EQ(pos->gamePly, 1);  // game ply 0, its key is entry 0
     EXPECT_EQ(pos->keyHistory[0], pos->hashKey);
-    EXPECT_EQ(pos->hashKey, hashCodePiece[WKING][0] ^ hashCodePiece[BKING][7] ^ hashCodeCastling[0]);
+    EXPECT_EQ(pos->hashKey,
+              hashCodePiece[WKING][0] ^ hashCodePiece[BKING][7] ^ hashCodeCastling[0]);
     EXPECT_EQ(pos->material[0], 0);
     EXPECT_EQ(pos->phase, 0);
 

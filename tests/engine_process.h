@@ -93,7 +93,8 @@ public:
                 return line;
             }
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now()).count();
+                            deadline - std::chrono::steady_clock::now())
+                            .count();
             if (left <= 0 || !fill(int(left)))
                 return std::nullopt;
         }
@@ -106,7 +107,8 @@ public:
         std::vector<std::string> lines;
         for (;;) {
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now()).count();
+                            deadline - std::chrono::steady_clock::now())
+                            .count();
             auto line = readLine(int(std::max<long long>(left, 0)));
             if (!line)
                 return std::nullopt;
@@ -136,7 +138,8 @@ public:
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (!eof_) {
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now()).count();
+                            deadline - std::chrono::steady_clock::now())
+                            .count();
             if (left <= 0 || !fill(int(left)))
                 break;
         }

@@ -42,27 +42,27 @@ std::string mutate(std::string s, std::mt19937_64& rng, const std::string& alpha
         size_t at = s.empty() ? 0 : rng() % s.size();
         char c = alphabet[rng() % alphabet.size()];
         switch (rng() % 6) {
-        case 0:
-            if (!s.empty())
-                s.erase(at, 1);
-            break;
-        case 1:
-            s.insert(at, 1, c);
-            break;
-        case 2:
-            if (!s.empty())
-                s[at] = c;
-            break;
-        case 3:
-            if (!s.empty())
-                s.erase(at, rng() % 6);  // a run of characters
-            break;
-        case 4:
-            s.insert(at, s.substr(rng() % (s.size() + 1), rng() % 8));  // a repeated piece
-            break;
-        default:
-            s = s.substr(0, at);  // cut short
-            break;
+            case 0:
+                if (!s.empty())
+                    s.erase(at, 1);
+                break;
+            case 1:
+                s.insert(at, 1, c);
+                break;
+            case 2:
+                if (!s.empty())
+                    s[at] = c;
+                break;
+            case 3:
+                if (!s.empty())
+                    s.erase(at, rng() % 6);  // a run of characters
+                break;
+            case 4:
+                s.insert(at, s.substr(rng() % (s.size() + 1), rng() % 8));  // a repeated piece
+                break;
+            default:
+                s = s.substr(0, at);  // cut short
+                break;
         }
     }
     return s;
@@ -78,8 +78,8 @@ TEST(FenFuzz, MutatedFensInProcess) {
     int accepted = 0;
     const int rounds = 20000 / TEST_WORK_DIVISOR;
     for (int i = 0; i < rounds; i++) {
-        std::string fen = mutate(BASE_FENS[rng() % std::size(BASE_FENS)], rng, FEN_ALPHABET,
-                                 1 + int(rng() % 3));
+        std::string fen =
+            mutate(BASE_FENS[rng() % std::size(BASE_FENS)], rng, FEN_ALPHABET, 1 + int(rng() % 3));
         std::string error;
         if (!setPosition(fen, pos.get(), &error)) {
             ASSERT_FALSE(error.empty()) << fen;
@@ -92,7 +92,8 @@ TEST(FenFuzz, MutatedFensInProcess) {
         ASSERT_EQ(popCount(b[BKING]), 1) << fen;
         ASSERT_EQ((b[WPAWN] | b[BPAWN]) & (rankBB(0) | rankBB(7)), 0u) << fen;
         int them = pos->sideToMove ^ 1;
-        ASSERT_FALSE(squareAttacked(pos.get(), pos->kingSquare(them), pos->sideToMove, pos->occupied()))
+        ASSERT_FALSE(
+            squareAttacked(pos.get(), pos->kingSquare(them), pos->sideToMove, pos->occupied()))
             << fen;
         ASSERT_EQ(pos->hashKey, calcHashKey(0, pos.get())) << fen;
         ASSERT_EQ(pos->pawnKey, calcPawnKey(pos.get())) << fen;
@@ -149,11 +150,14 @@ const char* const BASE_LINES[] = {
     "rtest no-such-file.txt",
 };
 
-const std::string LINE_ALPHABET =
-    "abcdefghklmnopqrstuvwxyzKQRBNP0123456789 /-+_.<>\t\"'";
-const char* const TOKENS[] = {"moves", "fen", "startpos", "value", "name", "0", "-1", "3",
-                              "99999999999999999999", "e2e4", "e7e8q", "a1a1", "depth",
-                              "wtime", "nodes", "infinite", "ponder", "Hash", "Threads", ""};
+const std::string LINE_ALPHABET = "abcdefghklmnopqrstuvwxyzKQRBNP0123456789 /-+_.<>\t\"'";
+const char* const TOKENS[] = {"moves",    "fen",    "startpos",
+                              "value",    "name",   "0",
+                              "-1",       "3",      "99999999999999999999",
+                              "e2e4",     "e7e8q",  "a1a1",
+                              "depth",    "wtime",  "nodes",
+                              "infinite", "ponder", "Hash",
+                              "Threads",  ""};
 
 std::string firstToken(const std::string& line) {
     std::istringstream in(line);
@@ -182,43 +186,45 @@ bool safeToSend(const std::string& line) {
 
 std::string randomLine(std::mt19937_64& rng) {
     switch (rng() % 5) {
-    case 0: {  // raw bytes, anything but a newline
-        std::string s(rng() % 40, ' ');
-        for (auto& c : s)
-            do
-                c = char(rng() % 256);
-            while (c == '\n');
-        return s;
-    }
-    case 1: {  // a base line with token edits
-        std::istringstream in(BASE_LINES[rng() % std::size(BASE_LINES)]);
-        std::vector<std::string> toks;
-        for (std::string t; in >> t;)
-            toks.push_back(t);
-        for (int e = int(rng() % 3); e >= 0; e--) {
-            size_t at = rng() % (toks.size() + 1);
-            if (rng() % 2 && at < toks.size())
-                toks.erase(toks.begin() + long(at));
-            else
-                toks.insert(toks.begin() + long(at), TOKENS[rng() % std::size(TOKENS)]);
+        case 0: {  // raw bytes, anything but a newline
+            std::string s(rng() % 40, ' ');
+            for (auto& c : s)
+                do
+                    c = char(rng() % 256);
+                while (c == '\n');
+            return s;
         }
-        std::string s;
-        for (const auto& t : toks)
-            s += t + (rng() % 8 ? " " : "  ");
-        return s;
-    }
-    case 2:  // a mutated FEN
-        return "position fen " + mutate(BASE_FENS[rng() % std::size(BASE_FENS)], rng, FEN_ALPHABET,
-                                        1 + int(rng() % 3));
-    default:  // a base line with character edits
-        return mutate(BASE_LINES[rng() % std::size(BASE_LINES)], rng, LINE_ALPHABET,
-                      1 + int(rng() % 3));
+        case 1: {  // a base line with token edits
+            std::istringstream in(BASE_LINES[rng() % std::size(BASE_LINES)]);
+            std::vector<std::string> toks;
+            for (std::string t; in >> t;)
+                toks.push_back(t);
+            for (int e = int(rng() % 3); e >= 0; e--) {
+                size_t at = rng() % (toks.size() + 1);
+                if (rng() % 2 && at < toks.size())
+                    toks.erase(toks.begin() + long(at));
+                else
+                    toks.insert(toks.begin() + long(at), TOKENS[rng() % std::size(TOKENS)]);
+            }
+            std::string s;
+            for (const auto& t : toks)
+                s += t + (rng() % 8 ? " " : "  ");
+            return s;
+        }
+        case 2:  // a mutated FEN
+            return "position fen "
+                   + mutate(BASE_FENS[rng() % std::size(BASE_FENS)], rng, FEN_ALPHABET,
+                            1 + int(rng() % 3));
+        default:  // a base line with character edits
+            return mutate(BASE_LINES[rng() % std::size(BASE_LINES)], rng, LINE_ALPHABET,
+                          1 + int(rng() % 3));
     }
 }
 
 // Lines a running search may print at any moment; they belong to no command.
 bool searchOutput(const std::string& line) {
-    return line.rfind("bestmove", 0) == 0 || (line.rfind("info ", 0) == 0 && line.rfind("info string", 0) != 0);
+    return line.rfind("bestmove", 0) == 0
+           || (line.rfind("info ", 0) == 0 && line.rfind("info string", 0) != 0);
 }
 
 TEST(UciFuzz, RandomAndMutatedCommandLines) {
@@ -257,8 +263,10 @@ TEST(UciFuzz, RandomAndMutatedCommandLines) {
             continue;
         std::string cmd = firstToken(line);
         auto reply = ask(line);
-        ASSERT_TRUE(reply) << "no answer after: '" << line << "'\n" << engine.transcript().substr(
-            engine.transcript().size() > 3000 ? engine.transcript().size() - 3000 : 0);
+        ASSERT_TRUE(reply) << "no answer after: '" << line << "'\n"
+                           << engine.transcript().substr(engine.transcript().size() > 3000
+                                                             ? engine.transcript().size() - 3000
+                                                             : 0);
         if (cmd == "go") {
             ASSERT_TRUE(ask("stop"));
         }

@@ -15,7 +15,8 @@ namespace {
 constexpr u64 BUCKETS = 16384;
 
 u64 dataWord(u32 move, int score, int depth, int bound, int age) {
-    return u64(move) | (u64(u16(score)) << 32) | (u64(u8(depth)) << 48) | (u64(age * 4 + bound) << 56);
+    return u64(move) | (u64(u16(score)) << 32) | (u64(u8(depth)) << 48)
+           | (u64(age * 4 + bound) << 56);
 }
 
 // Keys that all fall into bucket `bucket` of a BUCKETS-bucket table.
@@ -35,9 +36,9 @@ struct TranspositionTableStore : ::testing::Test {
 };
 
 TEST(TranspositionTable, BucketCountFromMegabytes) {
-    const std::pair<int, u64> cases[] = {{1, 16384},       {2, 32768},        {3, 65536},
-                                         {4, 65536},       {5, 131072},       {256, 4194304},
-                                         {257, 8388608},   {32768, 1ULL << 29}, {262144, 1ULL << 32}};
+    const std::pair<int, u64> cases[] = {{1, 16384},     {2, 32768},          {3, 65536},
+                                         {4, 65536},     {5, 131072},         {256, 4194304},
+                                         {257, 8388608}, {32768, 1ULL << 29}, {262144, 1ULL << 32}};
     for (auto [mb, buckets] : cases)
         EXPECT_EQ(hashBucketsForMB(mb), buckets) << mb << " MB";
     // One bucket is 64 bytes: a power-of-two size in MB is exactly that many MB.
@@ -92,8 +93,11 @@ TEST_F(TranspositionTableStore, StoreAndProbeRoundTrip) {
     const u32 move = moveStruct{12, 28, MT_DOUBLE, WPAWN}.packed();
     const struct {
         int score, depth, bound;
-    } cases[] = {{0, 0, BOUND_EXACT}, {-123, -1, BOUND_UPPER}, {32767, 127, BOUND_LOWER},
-                 {-32767, -7, BOUND_EXACT}, {31995, 64, BOUND_LOWER}};
+    } cases[] = {{0, 0, BOUND_EXACT},
+                 {-123, -1, BOUND_UPPER},
+                 {32767, 127, BOUND_LOWER},
+                 {-32767, -7, BOUND_EXACT},
+                 {31995, 64, BOUND_LOWER}};
     u64 key = 0x9E3779B97F4A7C15ULL;
     hashAgeCounter = 37;
     for (const auto& c : cases) {
@@ -122,7 +126,7 @@ TEST_F(TranspositionTableStore, ReplacementTakesFirstEmptyOrSameKey) {
     EXPECT_EQ(hashTable[b].key[1].load(), keyIn(b, 9));
     EXPECT_EQ(hashMove(hashTable[b].data[1].load()), 44u);
     EXPECT_EQ(hashMove(hashTable[b].data[3].load()), 3u);  // left as it was
-    EXPECT_EQ(hashMove(probeHash(keyIn(b, 9))), 44u);       // found in entry 1 first
+    EXPECT_EQ(hashMove(probeHash(keyIn(b, 9))), 44u);      // found in entry 1 first
 
     // A store for a key overwrites that key's entry, however deep it was.
     setEntry(b, 1, keyIn(b, 1), dataWord(5, 0, 1, BOUND_EXACT, 0));
@@ -244,8 +248,8 @@ TEST(TranspositionTableThreads, ConcurrentStoresAndProbes) {
                 } else if (u64 d = probeHash(key)) {
                     hits[t]++;
                     bool wellFormed = hashDepth(d) >= 1 && hashDepth(d) <= 20 && hashBound(d) != 0
-                                   && hashAge(d) == 5 && (hashMove(d) & 1) && hashScore(d) >= -1000
-                                   && hashScore(d) < 1000;
+                                      && hashAge(d) == 5 && (hashMove(d) & 1)
+                                      && hashScore(d) >= -1000 && hashScore(d) < 1000;
                     bad[t] += !wellFormed;
                 }
             }

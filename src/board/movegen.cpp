@@ -278,8 +278,10 @@ bool isLegal(const positionStruct* pos, u8 ply, moveStruct m) {
 }
 
 moveStruct* filterLegal(const positionStruct* pos, u8 ply, moveStruct* begin, moveStruct* end) {
+    // Moves of unpinned pieces other than the king need no test, en passant aside.
+    const bitboard careful = ~pos->plyStack[ply].notPinned | bb(pos->kingSquare(pos->sideToMove));
     for (moveStruct* m = begin; m < end;) {
-        if (isLegal(pos, ply, *m))
+        if (!((bb(m->from) & careful) || m->type == MT_ENPASSANT) || isLegal(pos, ply, *m))
             m++;
         else
             *m = *--end;

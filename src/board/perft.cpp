@@ -22,9 +22,20 @@ u64 perft(u8 ply, int depth, positionStruct* pos) {
         // Bulk counting; the evasion generator's moves are trusted as they stand.
         if (ps.inCheck)
             return u64(end - begin);
-        u64 n = 0;
+        // Only king moves, en passant and moves of pinned pieces can be illegal here;
+        // without pins and en passant only the king's moves need a look.
+        const int ksq = pos->kingSquare(pos->sideToMove);
+        u64 n = u64(end - begin);
+        if (ps.notPinned == ~0ULL && !ps.enPassantSquare) {
+            for (moveStruct* m = begin; m < end; m++)
+                if (m->from == ksq && !isLegal(pos, ply, *m))
+                    n--;
+            return n;
+        }
+        const bitboard careful = ~ps.notPinned | bb(ksq);
         for (moveStruct* m = begin; m < end; m++)
-            n += isLegal(pos, ply, *m);
+            if (((bb(m->from) & careful) || m->type == MT_ENPASSANT) && !isLegal(pos, ply, *m))
+                n--;
         return n;
     }
     end = filterLegal(pos, ply, begin, end);

@@ -19,15 +19,6 @@ positionStruct::positionStruct() {
     std::memset(static_cast<void*>(this), 0, sizeof(*this));
 }
 
-bool squareAttacked(const positionStruct* pos, int sq, int by, bitboard occ) {
-    const bitboard* b = pos->bitboards;
-    return (bishopAttacks(sq, occ) & (b[WBISHOP + by] | b[WQUEEN + by]))
-        || (rookAttacks(sq, occ) & (b[WROOK + by] | b[WQUEEN + by]))
-        || (attackByPawnTable[by][sq] & b[WPAWN + by])
-        || (knightAttackTable[sq] & b[WKNIGHT + by])
-        || (kingAttackTable[sq] & b[WKING + by]);
-}
-
 u64 calcHashKey(u8, const positionStruct* pos) {
     u64 key = 0;
     for (int sq = 0; sq < 64; sq++)

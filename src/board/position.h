@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "board/bitboards.h"
 #include "board/types.h"
 
 struct evalCacheEntry;
@@ -103,8 +104,16 @@ u64 calcHashKey(u8 unused, const positionStruct* pos);
 u64 calcPawnKey(const positionStruct* pos);
 void calcScores(positionStruct* pos);
 
-// True when a piece of colour `by` attacks sq with the given occupancy.
-bool squareAttacked(const positionStruct* pos, int sq, int by, bitboard occ);
+// True when a piece of colour `by` attacks sq with the given occupancy. Inline: the
+// legality test of king moves and castling calls it at every leaf.
+inline bool squareAttacked(const positionStruct* pos, int sq, int by, bitboard occ) {
+    const bitboard* b = pos->bitboards;
+    return (bishopAttacks(sq, occ) & (b[WBISHOP + by] | b[WQUEEN + by]))
+        || (rookAttacks(sq, occ) & (b[WROOK + by] | b[WQUEEN + by]))
+        || (attackByPawnTable[by][sq] & b[WPAWN + by])
+        || (knightAttackTable[sq] & b[WKNIGHT + by])
+        || (kingAttackTable[sq] & b[WKING + by]);
+}
 inline bool inCheckNow(const positionStruct* pos) {
     return squareAttacked(pos, pos->kingSquare(pos->sideToMove), pos->sideToMove ^ 1, pos->occupied());
 }
