@@ -629,21 +629,6 @@ TEST_F(SearchTest, BestMoveLegalAndPositionUnchanged) {
     }
 }
 
-// Material tactics that need a few plies: take a hanging queen, fork king and queen,
-// and do not grab a pawn that loses the queen (pawns on the board keep the fork from
-// ending in a bare knight, which is a draw).
-TEST_F(SearchTest, FindsSimpleTactics) {
-    searchResultStruct r = search("4k3/8/8/3q4/8/8/8/3RK3 w - - 0 1", 4);
-    EXPECT_EQ(moveToLA(&r.bestMove, WHITE), "d1d5");
-    r = search("2q3k1/7p/8/3N4/8/8/P7/4K3 w - - 0 1", 5);
-    EXPECT_EQ(moveToLA(&r.bestMove, WHITE), "d5e7");
-    EXPECT_GT(r.score, 150);
-    r = search(mirrorFen("2q3k1/7p/8/3N4/8/8/P7/4K3 w - - 0 1"), 5);
-    EXPECT_EQ(moveToLA(&r.bestMove, BLACK), "d4e2");
-    r = search("4k3/8/2p5/3p4/8/8/3Q4/4K3 w - - 0 1", 4);
-    EXPECT_NE(moveToLA(&r.bestMove, WHITE), "d2d5");
-}
-
 // Two threads, each with its own position and tables, sharing the transposition table
 // (run under ThreadSanitizer by "make sanitize").
 TEST(SearchThreads, TwoSearchersShareTheTable) {

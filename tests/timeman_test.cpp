@@ -103,17 +103,6 @@ TEST(TimeBudget, UnknownGamePlyAssumesThirtyMovesAndMoreShare) {
     EXPECT_EQ(known.targetTime, 2640);
 }
 
-TEST(TimeBudget, ThreadsAndPonderRaiseTheShare) {
-    engineStruct base = clock(100000, 0, 60, false), threads = base, ponder = base;
-    threads.nofThreads = 4;
-    ponder.ponderOption = true;
-    computeTimeBudget(base, WHITE);
-    computeTimeBudget(threads, WHITE);
-    computeTimeBudget(ponder, WHITE);
-    EXPECT_GT(threads.targetTime, base.targetTime);
-    EXPECT_GT(ponder.targetTime, base.targetTime);
-}
-
 TEST(TimeBudget, UsesTheClockOfTheSideToMove) {
     engineStruct e = clock(900000, 0, 0, true);
     e.timeLeft[BLACK] = 60000;
@@ -169,18 +158,6 @@ TEST(StopRules, IterationFactor) {
     EXPECT_FLOAT_EQ(nextIterationFactor(6, 1, 1.0f), 0.9f);
     EXPECT_FLOAT_EQ(nextIterationFactor(9, 0, 0.6f), 0.6f);     // clamped below
     EXPECT_FLOAT_EQ(nextIterationFactor(9, 12, 1.0f), 2.0f);    // clamped above
-}
-
-TEST(StopRules, SoftAndIterationTests) {
-    engineStruct e;
-    e.targetTime = 1000;
-    e.timeScale = 1.0f;
-    EXPECT_FALSE(softTimeUp(e, 1000, 1.0f));
-    EXPECT_TRUE(softTimeUp(e, 1001, 1.0f));
-    EXPECT_FALSE(softTimeUp(e, 1500, 1.6f));
-    EXPECT_FALSE(iterationTimeUp(e, 1000, 1.0f));
-    e.timeScale = 5.0f;
-    EXPECT_TRUE(iterationTimeUp(e, 201, 1.0f));
 }
 
 TEST(StopRules, HardLimitIsSuspendedByPonderAndInfinite) {
