@@ -1,6 +1,7 @@
 // Basic types shared by every subsystem: squares, piece codes, moves and bit tricks.
 #pragma once
 
+#include <atomic>
 #include <bit>
 #include <cstdint>
 
@@ -79,3 +80,12 @@ inline int popLsb(bitboard& b) {
     return s;
 }
 inline bool moreThanOne(bitboard b) { return (b & (b - 1)) != 0; }
+
+// Node counters are bumped by their own search thread and read by the reporting thread
+// while the search runs; relaxed atomic access keeps that well defined at no cost (the
+// increment is a plain add, as only the owner ever writes).
+inline void bumpCounter(u64& c) {
+    std::atomic_ref<u64> r(c);
+    r.store(r.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+inline u64 readCounter(u64& c) { return std::atomic_ref<u64>(c).load(std::memory_order_relaxed); }

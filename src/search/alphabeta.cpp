@@ -81,7 +81,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         return quiescence(ply, 0, alphaIn, betaIn, pos);
 
     // Step 1. Count the node, poll the clock every nodeCheckInterval + 1 nodes.
-    pos->nodes++;
+    bumpCounter(pos->nodes);
     if (ply > pos->selDepth)
         pos->selDepth = ply;
     if (pos->nodeCheckCountdown-- <= 0) {
@@ -139,7 +139,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             int success = 0;
             const int wdl = probeWDLPosition(pos, &success);
             if (success && wdl != -3) {
-                pos->tbHits++;
+                bumpCounter(pos->tbHits);
                 if (wdl == -2) {
                     const int score = ply - TB_WIN;
                     if (score <= alpha) {

@@ -17,7 +17,7 @@
 
 short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos) {
     // Step 1. Count the node.
-    pos->qNodes++;
+    bumpCounter(pos->qNodes);
 
     // Step 2. Repetition, at every ply including the root.
     if (isRepetition(pos, ply))

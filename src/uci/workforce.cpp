@@ -106,13 +106,13 @@ void workForce::startSearch(const positionStruct& root) {
 u64 workForce::totalNodes() {
     u64 n = 0;
     for (auto& w : workers)
-        n += w->pos.qNodes + w->pos.nodes;
+        n += readCounter(w->pos.qNodes) + readCounter(w->pos.nodes);
     return n;
 }
 
 u64 workForce::totalTbHits() {
     u64 n = 0;
     for (auto& w : workers)
-        n += w->pos.tbHits;
+        n += readCounter(w->pos.tbHits);
     return n;
 }
