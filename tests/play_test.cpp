@@ -371,3 +371,48 @@ TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
 }
 
 }  // namespace
+
+namespace {
+
+// Value of the word after `key` in an info line, or -1.
+long long infoField(const std::string& info, const std::string& key) {
+    auto w = words(info);
+    auto it = std::find(w.begin(), w.end(), key);
+    return it == w.end() || it + 1 == w.end() ? -1 : std::stoll(*(it + 1));
+}
+
+TEST(EngineTablebases, RootAnswersAtOnceAndTheTreeProbes) {
+    REQUIRE_DATA("syzygy/KRPvK.rtbw");
+    engineProcess e;
+    prepare(e);
+    auto reply = e.ask("setoption name SyzygyPath value " + dataPath("syzygy"));
+    ASSERT_TRUE(reply);
+    ASSERT_EQ(reply->size(), 2u);
+    EXPECT_EQ((*reply)[0], "Found 35 tablebases.");
+    EXPECT_EQ((*reply)[1], "info string Syzygy tablebases used from directory : " + dataPath("syzygy"));
+
+    // Won and drawn positions of the tables: a tablebase move at once, without a search.
+    for (const std::string fen : {"8/8/8/4k3/8/8/3QK3/8 w - - 0 1", "8/8/8/4k3/8/8/3NK3/8 b - - 0 1",
+                                  "8/8/4k3/8/3P4/3K4/8/8 w - - 0 1"}) {
+        e.send("position fen " + fen);
+        auto t0 = clockType::now();
+        e.send("go wtime 60000 btime 60000");
+        auto out = readSearch(e);
+        EXPECT_LT(msSince(t0), 1000 * ENGINE_TIME_SCALE) << fen;
+        expectLegalOutput(fen, out);
+        ASSERT_EQ(out.info.size(), 1u) << fen;
+        EXPECT_EQ(pvOf(out.info[0]), std::vector<std::string>{out.best}) << out.info[0];
+    }
+
+    // Five pieces: the exchange of rooks leads into the tables, which the tree probes.
+    const std::string fen = "3r2k1/8/8/8/8/8/5P2/3R2K1 w - - 0 1";
+    e.send("position fen " + fen);
+    e.send("go depth 12");
+    auto out = readSearch(e, 60000 * ENGINE_TIME_SCALE);
+    expectLegalOutput(fen, out);
+    ASSERT_FALSE(out.info.empty());
+    EXPECT_GT(infoField(out.info.back(), "tbhits"), 0) << out.info.back();
+    EXPECT_EQ(e.finish(), 0);
+}
+
+}  // namespace
