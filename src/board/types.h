@@ -89,3 +89,12 @@ inline void bumpCounter(u64& c) {
     r.store(r.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 inline u64 readCounter(u64& c) { return std::atomic_ref<u64>(c).load(std::memory_order_relaxed); }
+
+// One step of the splitmix64 generator: fixed pseudo-random constants built at compile time.
+constexpr u64 splitMix64(u64& state) {
+    state += 0x9E3779B97F4A7C15ULL;
+    u64 z = state;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+    return z ^ (z >> 31);
+}

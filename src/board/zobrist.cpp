@@ -14,11 +14,7 @@ constexpr std::array<u64, 800> makeRandomNumbers() {
     std::array<u64, 800> r{};
     u64 s = 0x5D1CE6A1F00DBEEFULL;
     for (auto& v : r) {
-        s += 0x9E3779B97F4A7C15ULL;
-        u64 z = s;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        v = z ^ (z >> 31);
+        v = splitMix64(s);
     }
     r[0] = 0xACFEAF947971818AULL;
     r[792] = 0xF31FA94FE63F529FULL;

@@ -141,11 +141,7 @@ constexpr std::array<u64, 256> makeMaterialCodes() {
     std::array<u64, 256> r{};
     u64 s = 0x7A3C5E1F2B4D6987ULL;
     for (auto& v : r) {
-        s += 0x9E3779B97F4A7C15ULL;
-        u64 z = s;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        v = z ^ (z >> 31);
+        v = splitMix64(s);
     }
     return r;
 }

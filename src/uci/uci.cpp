@@ -322,19 +322,22 @@ void cmdPerft(tokens& in) {
     printText(s.str());
 }
 
+// Gives a report writer a stream whose lines reach standard output as each is flushed.
+struct consoleBuf : std::stringbuf {
+    int sync() override {
+        printText(str());
+        str("");
+        return 0;
+    }
+};
+
 void cmdRtest(tokens& in) {
     stopAndWait();
     std::string path = "perft.txt";
     in >> path;
     // Each result line goes out as soon as its test ends. The run leaves the table at
     // 2^21 buckets whatever Hash says, deliberately.
-    struct lineBuf : std::stringbuf {
-        int sync() override {
-            printText(str());
-            str("");
-            return 0;
-        }
-    } buf;
+    consoleBuf buf;
     std::ostream stream(&buf);
     runPerftFile(path, stream);
     stream.flush();
@@ -343,13 +346,7 @@ void cmdRtest(tokens& in) {
 void cmdTexel(tokens& in) {
     std::string path = "lichess-good.epd";
     in >> path;
-    struct lineBuf : std::stringbuf {
-        int sync() override {
-            printText(str());
-            str("");
-            return 0;
-        }
-    } buf;
+    consoleBuf buf;
     std::ostream stream(&buf);
     runTexel(path, stream);
     stream.flush();
