@@ -292,11 +292,13 @@ TEST(EngineSearch, ManyPositionsGiveLegalMoves) {
 void playClockGame(bool movesToGo) {
     engineProcess e;
     prepare(e);
-    e.ask("setoption name MoveOverhead value 50");
+    // Sanitizer builds think and answer several times slower: their clock, increment and
+    // overhead are stretched alike, so the test asks the same of them.
+    e.ask("setoption name MoveOverhead value " + std::to_string(50 * ENGINE_TIME_SCALE));
     e.send("ucinewgame");
     e.readUntil("readyok");
-    i64 clock[2] = {2000, 2000};
-    const i64 inc = 20;
+    i64 clock[2] = {2000 * ENGINE_TIME_SCALE, 2000 * ENGINE_TIME_SCALE};
+    const i64 inc = 20 * ENGINE_TIME_SCALE;
     std::vector<std::string> moves;
     std::string fen = fenStartPos;
     for (int ply = 0; ply < 160; ply++) {
