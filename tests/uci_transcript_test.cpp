@@ -93,13 +93,12 @@ TEST(UciTranscript, SetOptionEchoesWithClamping) {
         {"name Hash value 0", {hashEcho + "1"}},
         {"name Hash value -5", {hashEcho + "1"}},
         {"name Hash value 3", {hashEcho + "3"}},
+        // The echo comes first; a table cut down to what memory allows is noted after it.
         {"name Hash value 32768",
-         {"info string not enough memory for a table of 32768 MB, using 256 MB",
-          hashEcho + "32768"}},
+         {hashEcho + "32768", "info string not enough memory for a table of 32768 MB, using 256 MB"}},
         // Anything above 32768 jumps to the advertised maximum.
         {"name Hash value 40000",
-         {"info string not enough memory for a table of 262144 MB, using 256 MB",
-          hashEcho + "262144"}},
+         {hashEcho + "262144", "info string not enough memory for a table of 262144 MB, using 256 MB"}},
         {"name Hash value 1", {hashEcho + "1"}},
         {"name Threads value 0", {"info string Number of threads set to : 1"}},
         {"name Threads value 300", {"info string Number of threads set to : 256"}},

@@ -94,7 +94,7 @@ benchResultStruct runBench(int depth, bool quiet) {
     engine.nofThreads = savedThreads;
     if (savedThreads != 1)
         theWorkForce.setNofWorkers(savedThreads);
-    resizeHashTable(hashBucketsForMB(engine.hashSizeMB), engine.nofThreads);
+    setHashSizeNow(engine.hashSizeMB);
     if (!quiet) {
         printLine("Nodes searched: " + std::to_string(result.nodes));
         printLine("Nodes/second: " + std::to_string(result.nodes * 1000 / u64(result.ms)));

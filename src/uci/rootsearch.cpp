@@ -247,8 +247,10 @@ void worker::searchRoot() {
                 printProgress(p, s, d);
             }
             if (!stopping() && isMateInReach(s, d)) {
-                if (d < 10)
-                    rootLine(p, d);
+                if (d < 10) {
+                    p->plyStack[0].currentMove = root.bestMove;  // the line is the move alone
+                    p->pvLength = 0;
+                }
                 printMate(p, s, d);
                 if (!wf.pondering.load(std::memory_order_relaxed) && !engine.infinite)
                     break;
@@ -320,8 +322,7 @@ void boss::searchRoot() {
     if (chosen != this) {
         rootLine(p, p->rootDepth);
         printProgress(p, p->rootScore, p->rootDepth);
-    } else if (p->pvLength == 0 && !p->plyStack[0].bestMove.empty())
-        rootLine(p, std::max<int>(p->rootDepth, 1));
+    }
 
     moveStruct best = p->plyStack[0].currentMove;
     if (!p->plyStack[0].bestMove.empty() && !best.sameAs(p->plyStack[0].bestMove)) {

@@ -41,6 +41,7 @@ int perftDepth = 6;
 int pendingHashMB = 0;
 bool pendingHistoryClear = false;
 bool pendingTableClear = false;
+int pendingProbeDepth = -1;
 
 const char* const ENGINE_NAME = "Quorvane 2.3";
 const char* const ENGINE_SUFFIX = " NOP";
@@ -92,14 +93,19 @@ u64 affordableBuckets(u64 wanted) {
     return wanted;
 }
 
+}  // namespace
+
 void setHashSizeNow(int mb) {
     u64 wanted = hashBucketsForMB(mb);
     u64 capped = affordableBuckets(wanted);
     u64 got = resizeHashTable(capped, engine.nofThreads);
+    pendingHashMB = 0;
     if (got != wanted)
         printLine("info string not enough memory for a table of " + std::to_string(wanted / 16384)
                   + " MB, using " + std::to_string(got * 64 / 1048576) + " MB");
 }
+
+namespace {
 
 void setHashSize(int mb) {
     if (theWorkForce.searching())
@@ -116,6 +122,10 @@ void applyPendingSettings() {
     if (pendingHistoryClear) {
         theWorkForce.clearHistories();
         pendingHistoryClear = false;
+    }
+    if (pendingProbeDepth >= 0) {
+        engine.syzygyProbeDepth = pendingProbeDepth;
+        pendingProbeDepth = -1;
     }
     if (pendingTableClear) {
         clearHashTableMT(engine.nofThreads);
@@ -197,9 +207,11 @@ void cmdPosition(tokens& in) {
 }
 
 void cmdGo(tokens& in) {
+    // The clock runs from the arrival of the command, whatever waiting comes first.
+    const i64 arrival = nowMs();
     stopAndWait();
     applyPendingSettings();
-    engine.startTimeMs = nowMs();
+    engine.startTimeMs = arrival;
     engine.timeLeft[0] = engine.timeLeft[1] = 900000;
     engine.increment[0] = engine.increment[1] = 0;
     engine.movesToGo = 30;
@@ -263,8 +275,8 @@ void cmdSetOption(tokens& in) {
         }
         v = v < 1 ? 1 : v > 32768 ? 262144 : v;
         engine.hashSizeMB = v;
-        setHashSize(v);
         printLine("info string Size of Hashtable set to : " + std::to_string(v));
+        setHashSize(v);
     } else if (name == "Threads") {
         if (numeric(1, 256, v)) {
             stopAndWait();
@@ -287,7 +299,10 @@ void cmdSetOption(tokens& in) {
         printLine("info string Syzygy tablebases used from directory : " + value);
     } else if (name == "SyzygyProbeDepth") {
         if (numeric(0, 127, v)) {
-            engine.syzygyProbeDepth = v;
+            if (theWorkForce.searching())
+                pendingProbeDepth = v;  // the searchers read it: it changes at the next "go"
+            else
+                engine.syzygyProbeDepth = v;
             printLine("info string SyzygyProbeDepth set to: " + std::to_string(v));
         }
     }

@@ -16,6 +16,10 @@ void printText(const std::string& text);
 // Monotonic clock in milliseconds.
 i64 nowMs();
 
+// Replaces the transposition table by one for `mb` MB (never more than half the memory;
+// a smaller table is reported on one "info string" line).
+void setHashSizeNow(int mb);
+
 // Executes one command line; returns false when the line was "quit".
 bool executeCommand(const std::string& line);
 
