@@ -300,7 +300,7 @@ void playClockGame(bool movesToGo) {
     i64 clock[2] = {2000 * ENGINE_TIME_SCALE, 2000 * ENGINE_TIME_SCALE};
     const i64 inc = 20 * ENGINE_TIME_SCALE;
     std::vector<std::string> moves;
-    std::string fen = fenStartPos;
+    std::string fen = fenStartPos, history;
     for (int ply = 0; ply < 160; ply++) {
         int side = ply & 1;
         std::string pos = "position startpos";
@@ -317,9 +317,15 @@ void playClockGame(bool movesToGo) {
         auto t0 = clockType::now();
         e.send(go);
         auto out = readSearch(e, int(clock[side]) + 5000);
-        clock[side] -= msSince(t0);
+        i64 used = msSince(t0);
+        history += " ";
+        history += std::to_string(clock[side]);
+        history += "-";
+        history += std::to_string(used);
+        clock[side] -= used;
         ASSERT_TRUE(out.ended) << "ply " << ply;
-        ASSERT_GE(clock[side], 0) << "flagged at ply " << ply << (movesToGo ? " with movestogo" : "");
+        ASSERT_GE(clock[side], 0) << "flagged at ply " << ply << (movesToGo ? " with movestogo" : "")
+                                  << "; clock-used per ply:" << history;
         clock[side] += inc;
         if (out.best == "a1a1")
             break;

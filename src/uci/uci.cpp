@@ -141,13 +141,13 @@ void stopAndWait() {
     }
 }
 
-// Plays one move given in coordinate text on pos at ply 0, if it is legal there.
+// Plays one move given in coordinate text on pos at ply 0, if it is legal there. The
+// position's ply-0 move list must be bound to a buffer.
 bool playMoveText(positionStruct* pos, const std::string& text) {
-    std::vector<moveStruct> buffer(MOVE_BUFFER);
-    pos->bindMoveBuffer(buffer.data());
+    moveStruct* list = pos->plyStack[0].moveListBegin;
     setInCheck(0, pos);
-    generateMovesLegal(0, buffer.data(), pos);
-    for (moveStruct* m = buffer.data(); m < pos->plyStack[0].moveListEnd; m++) {
+    generateMovesLegal(0, list, pos);
+    for (moveStruct* m = list; m < pos->plyStack[0].moveListEnd; m++) {
         if (moveToLA(m, pos->sideToMove) != text)
             continue;
         makeMove(pos, 0, *m);
@@ -186,6 +186,8 @@ void cmdPosition(tokens& in) {
         printLine("info string invalid FEN (" + error + "), position unchanged");
         return;
     }
+    std::vector<moveStruct> buffer(MOVE_BUFFER);
+    scratch->bindMoveBuffer(buffer.data());
     int played = 0;
     while (in >> tok) {
         if (!playMoveText(scratch.get(), tok)) {
