@@ -734,6 +734,20 @@ const dtz_entry* tb_acquire_dtz(const tb_entry* e) {
 // ---------------------------------------------------------------------------------------
 // Index computation.
 
+// Index of a group of like pieces at sq[i .. i + count): their squares, sorted, each
+// counted past the squares of the pieces placed before the group (less `offset`).
+u64 group_index(int* sq, int i, int count, int offset) {
+    std::sort(sq + i, sq + i + count);
+    u64 s = 0;
+    for (int m = i; m < i + count; m++) {
+        int below = 0;
+        for (int k = 0; k < i; k++)
+            below += sq[m] > sq[k];
+        s += binomial[m - i][sq[m] - below - offset];
+    }
+    return s;
+}
+
 u64 encode_piece(const tb_encoding& enc, int enc_type, int num, int* sq) {
     if (sq[0] & 4)
         for (int i = 0; i < num; i++)
@@ -772,19 +786,8 @@ u64 encode_piece(const tb_encoding& enc, int enc_type, int num, int* sq) {
     }
     idx *= enc.factor[0];
 
-    for (i = lead; i < num;) {
-        int t = enc.norm[i];
-        std::sort(sq + i, sq + i + t);
-        u64 s = 0;
-        for (int m = i; m < i + t; m++) {
-            int below = 0;
-            for (int l = 0; l < i; l++)
-                below += sq[m] > sq[l];
-            s += binomial[m - i][sq[m] - below];
-        }
-        idx += s * enc.factor[i];
-        i += t;
-    }
+    for (i = lead; i < num; i += enc.norm[i])
+        idx += group_index(sq, i, enc.norm[i], 0) * enc.factor[i];
     return idx;
 }
 
@@ -810,31 +813,12 @@ u64 encode_pawn(const tb_encoding& enc, const int pawns[2], int num, int* sq) {
 
     int i = lead;
     if (pawns[1]) {
-        int end = lead + pawns[1];
-        std::sort(sq + i, sq + end);
-        u64 s = 0;
-        for (int m = i; m < end; m++) {
-            int below = 0;
-            for (int k = 0; k < i; k++)
-                below += sq[m] > sq[k];
-            s += binomial[m - i][sq[m] - below - 8];
-        }
-        idx += s * enc.factor[i];
-        i = end;
+        // The second pawn group never stands on the first rank: its squares start at 8.
+        idx += group_index(sq, i, pawns[1], 8) * enc.factor[i];
+        i += pawns[1];
     }
-    while (i < num) {
-        int n = enc.norm[i];
-        std::sort(sq + i, sq + i + n);
-        u64 s = 0;
-        for (int m = i; m < i + n; m++) {
-            int below = 0;
-            for (int k = 0; k < i; k++)
-                below += sq[m] > sq[k];
-            s += binomial[m - i][sq[m] - below];
-        }
-        idx += s * enc.factor[i];
-        i += n;
-    }
+    for (; i < num; i += enc.norm[i])
+        idx += group_index(sq, i, enc.norm[i], 0) * enc.factor[i];
     return idx;
 }
 
