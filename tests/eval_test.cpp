@@ -81,11 +81,12 @@ std::string mirrorFen(const std::string& fen) {
     return out + (side == "w" ? " b " : " w ") + castling + " " + ep + rest;
 }
 
-// FENs of every position of `games` random legal games of up to `plies` plies.
-std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed) {
+// Plays `games` random legal games of up to `plies` plies and calls visit(pos, ply)
+// after every move (ply is the ply of the position reached).
+template <typename Visit>
+void walkRandomGames(int games, int plies, unsigned seed, Visit visit) {
     testPosition tp;
     std::mt19937 rng(seed);
-    std::vector<std::string> fens;
     for (int g = 0; g < games; g++) {
         tp.set(fenStartPos);
         positionStruct* pos = tp.get();
@@ -97,9 +98,15 @@ std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed
             if (n == 0)
                 break;
             makeMove(pos, ply, begin[rng() % n]);
-            fens.push_back(fenOf(pos, ply + 1));
+            visit(pos, ply + 1);
         }
     }
+}
+
+// FENs of every position of `games` random legal games of up to `plies` plies.
+std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed) {
+    std::vector<std::string> fens;
+    walkRandomGames(games, plies, seed, [&](positionStruct* pos, int ply) { fens.push_back(fenOf(pos, ply)); });
     return fens;
 }
 
@@ -181,23 +188,11 @@ TEST(EvalSymmetry, MirrorOfHandPickedPositions) {
 TEST(EvalConsistency, IncrementalPositionsScoreAsFromScratch) {
     // The evaluation reads the incrementally kept material and piece-square sums; after
     // any line of moves they must give what a freshly read FEN gives.
-    testPosition tp, fresh;
-    std::mt19937 rng(777);
-    for (int g = 0; g < 20; g++) {
-        tp.set(fenStartPos);
-        positionStruct* pos = tp.get();
-        for (int ply = 0; ply < 150; ply++) {
-            setInCheck(u8(ply), pos);
-            generateMovesLegal(u8(ply), pos->plyStack[ply].moveListBegin, pos);
-            moveStruct* begin = pos->plyStack[ply].moveListBegin;
-            long n = pos->plyStack[ply].moveListEnd - begin;
-            if (n == 0)
-                break;
-            makeMove(pos, ply, begin[rng() % n]);
-            fresh.set(fenOf(pos, ply + 1));
-            ASSERT_EQ(evaluateN(0, pos), evaluateN(0, fresh.get())) << fenOf(pos, ply + 1);
-        }
-    }
+    testPosition fresh;
+    walkRandomGames(20, 150, 777, [&](positionStruct* pos, int ply) {
+        fresh.set(fenOf(pos, ply));
+        ASSERT_EQ(evaluateN(0, pos), evaluateN(0, fresh.get())) << fenOf(pos, ply);
+    });
 }
 
 TEST(EvalConsistency, TraceAddsUpToTheScore) {
