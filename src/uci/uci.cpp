@@ -371,6 +371,12 @@ void cmdRtest(tokens& in) {
 void cmdTexel(tokens& in) {
     std::string path = "lichess-good.epd";
     in >> path;
+    // Every run starts from fresh tables and an empty transposition table of the Hash
+    // size; rebuilding them under a running search would race with it, so it ends first.
+    stopAndWait();
+    initBitboardConstants();
+    initHashCodeTables();
+    setHashSizeNow(engine.hashSizeMB);
     consoleBuf buf;
     std::ostream stream(&buf);
     runTexel(path, stream);
