@@ -8,6 +8,9 @@
 #include <sstream>
 #include <thread>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include "board/makemove.h"
 #include "tablebase/tbcore.h"
 #include "tablebase/tbprobe.h"
@@ -607,6 +610,26 @@ TEST(TablebaseFiles, MissingAndCorruptedFilesFailTheProbe) {
     tp.set("8/8/8/4k3/8/8/8/4K2R w - - 0 1");
     EXPECT_TRUE(syzygyProbeDTZ(0, tp.get()).empty());
 
+    // A file too large for the address space left: the probe fails and the program goes
+    // on (ending it would lose a GUI's game).
+    {
+        std::ofstream(dir.path / "KBvK.rtbw").put('\x71');
+        fs::resize_file(dir.path / "KBvK.rtbw", uintmax_t(8) << 30);   // sparse
+        initQuiet(dir.str());
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        rlimit old{};
+        ::getrlimit(RLIMIT_AS, &old);
+        rlimit low = old;
+        low.rlim_cur = rlim_t(pages) * rlim_t(::sysconf(_SC_PAGESIZE)) + (rlim_t(256) << 20);
+        ASSERT_EQ(::setrlimit(RLIMIT_AS, &low), 0);
+        testing::internal::CaptureStderr();
+        probeFen("8/8/8/4k3/8/8/8/4KB2 w - - 0 1", &ok);
+        ::setrlimit(RLIMIT_AS, &old);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "Could not mmap() " + (dir.path / "KBvK.rtbw").string() + ".\n");
+        EXPECT_EQ(ok, 0);
+    }
 }
 
 // Random damage to every part of a few files; run it under the address sanitizer.
