@@ -371,7 +371,8 @@ struct snapshotStruct {
 // Checks what the position keeps incrementally against a from-scratch computation. The
 // scratch key reads the rights and en-passant square of ply 0, so those of `ply` are
 // lent to it for the call.
-void expectConsistent(positionStruct* pos, int ply, const std::string& where) {
+// afterNull: a null move leaves the key history as it was, without the current key.
+void expectConsistent(positionStruct* pos, int ply, const std::string& where, bool afterNull = false) {
     plyStruct& p0 = pos->plyStack[0];
     u8 rights = p0.castlingRights, ep = p0.enPassantSquare;
     p0.castlingRights = pos->plyStack[ply].castlingRights;
@@ -381,7 +382,9 @@ void expectConsistent(positionStruct* pos, int ply, const std::string& where) {
     p0.enPassantSquare = ep;
     ASSERT_EQ(pos->hashKey, key) << where;
     ASSERT_EQ(pos->pawnKey, calcPawnKey(pos)) << where;
-    ASSERT_EQ(pos->keyHistory[pos->gamePly - 1], pos->hashKey) << where;
+    if (!afterNull) {
+        ASSERT_EQ(pos->keyHistory[pos->gamePly - 1], pos->hashKey) << where;
+    }
 
     i32 material[2] = {pos->material[0], pos->material[1]};
     i32 psq[2] = {pos->psqScore[0], pos->psqScore[1]};
@@ -449,7 +452,7 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
         std::vector<moveStruct> line;
         for (int ply = 0; ply < 120; ply++) {
             std::string where = " game " + std::to_string(g) + " ply " + std::to_string(ply);
-            expectConsistent(pos.get(), ply, where);
+            expectConsistent(pos.get(), ply, where, !line.empty() && line.back().empty());
             if (ply % 16 == 3)
                 expectLegalListIsExact(pos.get(), ply, where);
             if (HasFatalFailure())
@@ -478,9 +481,10 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
 
             if (!inCheck && rng() % 10 == 0) {
                 makeNullMove(pos.get(), ply);
-                expectConsistent(pos.get(), ply + 1, where + " after null move");
+                expectConsistent(pos.get(), ply + 1, where + " after null move", true);
                 EXPECT_EQ(pos->plyStack[ply + 1].enPassantSquare, 0);
-                EXPECT_EQ(pos->halfMoveClock, 0);
+                EXPECT_EQ(pos->gamePly, before.gamePly);
+                EXPECT_EQ(pos->halfMoveClock, before.halfMoveClock);
                 takeBackNullMove(pos.get(), ply);
                 ASSERT_TRUE(snapshotStruct(pos.get()) == before) << where << " null move";
                 // Sometimes the game goes on from the null move.

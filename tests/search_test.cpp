@@ -388,12 +388,27 @@ TEST_F(SearchTest, TablebaseResultsInTheTree) {
     EXPECT_EQ(TB_LARGEST, 0);
 }
 
-// Hand-checked exchanges. Values: pawn 88, minor 335, rook 521.
+// Hand-checked exchanges. Values: pawn 88, minor 335, rook 521. Both variants agree
+// wherever no slider of the other colour stands behind a capturer.
 TEST_F(SearchTest, StaticExchange) {
     auto see = [&](const std::string& fen, const std::string& move, int threshold) {
         positionStruct* pos = load(fen);
-        return seeAtLeast(pos, findMove(pos, move), threshold);
+        const bool oneSided = seeAtLeast(pos, findMove(pos, move), threshold);
+        EXPECT_EQ(seeAtLeastFull(pos, findMove(pos, move), threshold), oneSided) << fen << " " << move;
+        return oneSided;
     };
+    auto full = [&](const std::string& fen, const std::string& move, int threshold) {
+        positionStruct* pos = load(fen);
+        return seeAtLeastFull(pos, findMove(pos, move), threshold);
+    };
+    // NxP NxN BxN, and then the black bishop uncovered behind the white one takes back:
+    // only the full exchange sees it.
+    const std::string xray = "6k1/8/2n5/4p3/8/2B2N2/8/b5K1 w - - 0 1";
+    positionStruct* xpos = load(xray);
+    EXPECT_TRUE(seeAtLeast(xpos, findMove(xpos, "f3e5"), 88));
+    EXPECT_TRUE(full(xray, "f3e5", -247));
+    EXPECT_FALSE(full(xray, "f3e5", -246));
+    EXPECT_FALSE(full(mirrorFen(xray), "f6e4", 0));
     // Free pawn.
     EXPECT_TRUE(see("4k3/8/8/3p4/4P3/8/8/4K3 w - - 0 1", "e4d5", 88));
     EXPECT_FALSE(see("4k3/8/8/3p4/4P3/8/8/4K3 w - - 0 1", "e4d5", 89));

@@ -8,6 +8,9 @@
 #include <sstream>
 #include <thread>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include "board/makemove.h"
 #include "tablebase/tbcore.h"
 #include "tablebase/tbprobe.h"
@@ -300,7 +303,7 @@ TEST(Tablebase, RootMoveKeepsTheWinAndLowersDtz) {
     initQuiet(dataPath(SYZYGY));
     std::mt19937 rng(4242);
     testPosition tp;
-    int wins = 0, draws = 0;
+    int wins = 0, draws = 0, losses = 0;
     for (const std::string& name : registeredNames()) {
         for (int k = 0; k < 12; k++) {
             tb_pos p = randomPosition(name, rng);
@@ -342,12 +345,25 @@ TEST(Tablebase, RootMoveKeepsTheWinAndLowersDtz) {
                 testing::internal::GetCapturedStdout();
                 EXPECT_TRUE(again.sameAs(m)) << toFen(p);
             } else if (w < 0) {
+                // Lost: the longest resistance. No other move that keeps the counter
+                // running leaves the winner further from zeroing (taking the quickest loss
+                // would also throw away losses that the fifty-move rule draws).
+                losses++;
                 EXPECT_GT(cw, 0) << toFen(p);
+                const int n = tb_legal_moves(p, moves);
+                for (int i = 0; i < n && child.rule50 != 0; i++) {
+                    tb_pos other;
+                    tb_do_move(p, moves[i], &other);
+                    if (other.rule50 != 0) {
+                        EXPECT_GE(cd, probe_dtz(other, &ok)) << toFen(p) << " -> " << toFen(other);
+                    }
+                }
             }
         }
     }
     EXPECT_GT(wins, 50);
     EXPECT_GT(draws, 50);
+    EXPECT_GT(losses, 20);
 }
 
 // Both sides follow the root adapter from won positions: the winner mates without the
@@ -593,6 +609,27 @@ TEST(TablebaseFiles, MissingAndCorruptedFilesFailTheProbe) {
     EXPECT_TRUE(syzygyProbeDTZ(0, tp.get()).empty());
     tp.set("8/8/8/4k3/8/8/8/4K2R w - - 0 1");
     EXPECT_TRUE(syzygyProbeDTZ(0, tp.get()).empty());
+
+    // A file too large for the address space left: the probe fails and the program goes
+    // on (ending it would lose a GUI's game).
+    {
+        std::ofstream(dir.path / "KBvK.rtbw").put('\x71');
+        fs::resize_file(dir.path / "KBvK.rtbw", uintmax_t(8) << 30);   // sparse
+        initQuiet(dir.str());
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        rlimit old{};
+        ::getrlimit(RLIMIT_AS, &old);
+        rlimit low = old;
+        low.rlim_cur = rlim_t(pages) * rlim_t(::sysconf(_SC_PAGESIZE)) + (rlim_t(256) << 20);
+        ASSERT_EQ(::setrlimit(RLIMIT_AS, &low), 0);
+        testing::internal::CaptureStderr();
+        probeFen("8/8/8/4k3/8/8/8/4KB2 w - - 0 1", &ok);
+        ::setrlimit(RLIMIT_AS, &old);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "Could not mmap() " + (dir.path / "KBvK.rtbw").string() + ".\n");
+        EXPECT_EQ(ok, 0);
+    }
 }
 
 // Random damage to every part of a few files; run it under the address sanitizer.

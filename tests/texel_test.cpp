@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "engine_process.h"
 #include "eval/evaluate.h"
 #include "test_util.h"
 #include "tuning/texel.h"
@@ -161,6 +162,39 @@ TEST(TexelThreads, SharedTuningSetGivesAPlausibleError) {
     // clearly better.
     EXPECT_GT(r.startError, 0.05);
     EXPECT_LT(r.startError, 0.2);
+}
+
+// The command through the real program starts from fresh tables: a search after it finds
+// the transposition table as empty as a newly set Hash leaves it, while the histories of
+// the earlier searches stay.
+TEST(TexelThreads, CommandStartsFromAnEmptyTable) {
+    const std::string file = writeFile("texel_cmd.epd", sampleFile(40));
+    // The nodes of three searches of depth 10 from the start, `between` sent before the third.
+    auto run = [&](const std::string& between) {
+        engineProcess e;
+        EXPECT_TRUE(e.readUntil("enter 'help' to see the commands"));
+        e.ask("setoption name Hash value 16");
+        std::vector<std::string> nodes;
+        for (int i = 0; i < 3; i++) {
+            if (i == 2) {
+                auto reply = e.ask(between, 60000 * ENGINE_TIME_SCALE);
+                EXPECT_TRUE(reply && !reply->empty()) << e.transcript();
+            }
+            e.send("go depth 10");
+            std::string info;
+            for (auto line = e.readLine(60000 * ENGINE_TIME_SCALE); line && line->rfind("bestmove", 0);
+                 line = e.readLine(60000 * ENGINE_TIME_SCALE))
+                info = *line;
+            auto at = info.find(" nodes ");
+            nodes.push_back(at == std::string::npos ? info : info.substr(at, info.find(" nps") - at));
+        }
+        EXPECT_EQ(e.finish(), 0);
+        return nodes;
+    };
+    auto texel = run("texel " + file);
+    auto hash = run("setoption name Hash value 16");
+    EXPECT_NE(texel[1], texel[0]);   // otherwise the table carries over between searches
+    EXPECT_EQ(texel, hash);
 }
 
 }  // namespace
