@@ -82,7 +82,7 @@ bool runPerftFile(const std::string& path, std::ostream& out) {
                 ok = false;
             }
         }
-        ok = ok && depth >= 1 && setPosition(fen, pos.get(), &error);
+        ok = ok && depth >= 1 && depth <= PERFT_MAX_DEPTH && setPosition(fen, pos.get(), &error);
         if (!ok) {
             out << "0; " << line << "; unreadable test line\n" << std::flush;
             allPassed = false;

@@ -6,7 +6,10 @@
 
 #include "board/position.h"
 
-// Counts the leaves `depth` plies below pos (depth >= 1). pos's ply-0 move list must be
+// The deepest perft the ply records and the move buffer hold; deeper requests are refused.
+constexpr int PERFT_MAX_DEPTH = MAX_PLY;
+
+// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH). pos's ply-0 move list must be
 // bound to a move buffer.
 u64 perft(u8 ply, int depth, positionStruct* pos);
 

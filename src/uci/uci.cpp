@@ -318,8 +318,8 @@ void cmdPerft(tokens& in) {
             printLine("info string perft depth '" + tok + "' is not a number");
             return;
         }
-        if (d < 1) {
-            printLine("info string perft depth must be at least 1");
+        if (d < 1 || d > PERFT_MAX_DEPTH) {
+            printLine("info string perft depth must be from 1 to " + std::to_string(PERFT_MAX_DEPTH));
             return;
         }
         perftDepth = d;
@@ -398,7 +398,7 @@ void cmdBench(tokens& in) {
     std::string tok;
     int depth = BENCH_DEPTH;
     if (in >> tok && (!readInt(tok, depth) || depth < 1 || depth > MAX_PLY)) {
-        printLine("info string bench depth must be a number from 1 to 127");
+        printLine("info string bench depth must be a number from 1 to " + std::to_string(MAX_PLY));
         return;
     }
     stopAndWait();
