@@ -14,5 +14,6 @@ constexpr int PERFT_MAX_DEPTH = MAX_PLY;
 u64 perft(u8 ply, int depth, positionStruct* pos);
 
 // Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"
-// marker, printing one line per test and the summary. Returns true when all passed.
-bool runPerftFile(const std::string& path, std::ostream& out);
+// marker, printing one line per test and the summary. Returns true when all passed;
+// counts the tests that ran (readable lines) in *testsRun when given.
+bool runPerftFile(const std::string& path, std::ostream& out, int* testsRun = nullptr);
