@@ -10,6 +10,7 @@
 #include "board/makemove.h"
 #include "board/movegen.h"
 #include "board/zobrist.h"
+#include "search/searchparams.h"
 #include "test_util.h"
 
 namespace {

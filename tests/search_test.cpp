@@ -14,15 +14,13 @@
 #include "board/movegen.h"
 #include "search/movepick.h"
 #include "search/search.h"
+#include "search/searchlimits.h"
 #include "search/searchparams.h"
 #include "search/searchutil.h"
 #include "search/see.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
 #include "test_util.h"
-#include "uci/engine.h"
-#include "uci/uci.h"
-#include "uci/workforce.h"
 
 namespace {
 
@@ -133,7 +131,7 @@ protected:
         initTables();
         if (!hashTable)
             resizeHashTable(hashBucketsForMB(16), 1);
-        theWorkForce.stopSearch = false;
+        searchSignals.stopSearch = false;
     }
     positionStruct* load(const std::string& fen) {
         tp.set(fen);
@@ -152,10 +150,10 @@ protected:
     }
     // A node of the search below the root, with a clean clock and counters.
     short node(u8 ply, int depth, int alpha, int beta) {
-        engine.infinite = true;
+        searchLimits.infinite = true;
         tp->nodes = tp->qNodes = 0;
         short s = alfabeta(ply, depth, short(alpha), short(beta), tp.get());
-        engine.infinite = false;
+        searchLimits.infinite = false;
         return s;
     }
 };
@@ -301,26 +299,26 @@ TEST_F(SearchTest, PlyLimitReturnsTheEvaluation) {
 
 TEST_F(SearchTest, StopFlagAndHardLimit) {
     positionStruct* pos = load(fenStartPos);
-    theWorkForce.stopSearch = true;
+    searchSignals.stopSearch = true;
     EXPECT_EQ(alfabeta(0, 5, -INF_SCORE, INF_SCORE, pos), 0);
-    theWorkForce.stopSearch = false;
+    searchSignals.stopSearch = false;
 
-    engineStruct saved = engine;
-    engine.infinite = false;
-    engine.startTimeMs = nowMs() - 50;
-    engine.maxTime = 10;
+    const searchLimitsStruct saved = searchLimits;
+    searchLimits.infinite = false;
+    searchLimits.startTimeMs = nowMs() - 50;
+    searchLimits.maxTime = 10;
     pos->nodeCheckCountdown = 0;
     EXPECT_EQ(alfabeta(0, 5, -INF_SCORE, INF_SCORE, pos), 0);
-    EXPECT_TRUE(theWorkForce.stopSearch.load());
-    EXPECT_EQ(pos->nodeCheckCountdown, engine.nodeCheckInterval);
-    theWorkForce.stopSearch = false;
-    theWorkForce.pondering = true;   // pondering suspends the clock
+    EXPECT_TRUE(searchSignals.stopSearch.load());
+    EXPECT_EQ(pos->nodeCheckCountdown, searchLimits.nodeCheckInterval);
+    searchSignals.stopSearch = false;
+    searchSignals.pondering = true;   // pondering suspends the clock
     pos = load("4k3/8/8/8/8/8/8/QQQ1K3 w - - 0 1");
     pos->nodeCheckCountdown = 0;
     EXPECT_NE(alfabeta(0, 2, -INF_SCORE, INF_SCORE, pos), 0);
-    EXPECT_FALSE(theWorkForce.stopSearch.load());
-    theWorkForce.pondering = false;
-    engine = saved;
+    EXPECT_FALSE(searchSignals.stopSearch.load());
+    searchSignals.pondering = false;
+    searchLimits = saved;
 }
 
 // Tablebase results inside the tree: a win at ply 10 scores 31862 and is stored with
@@ -375,15 +373,15 @@ TEST_F(SearchTest, TablebaseResultsInTheTree) {
     EXPECT_NE(node(ply, 2, -INF_SCORE, INF_SCORE), ply - MATE_BAND);
     EXPECT_EQ(pos->tbHits, 1u);
 
-    const int savedProbeDepth = engine.syzygyProbeDepth;
-    engine.syzygyProbeDepth = 5;
+    const int savedProbeDepth = searchLimits.syzygyProbeDepth;
+    searchLimits.syzygyProbeDepth = 5;
     pos = asNode("1Q1k4/8/p7/8/8/6K1/8/8 b - - 0 1");   // four pieces, depth 3 < 5
     node(ply, 3, -30001, -30000);
     EXPECT_EQ(pos->tbHits, 0u);
     pos = asNode("8/8/8/4k3/8/8/8/KQ6 b - - 0 1");     // three pieces: always probed
     EXPECT_EQ(node(ply, 3, -30001, -30000), ply - MATE_BAND);
     EXPECT_EQ(pos->tbHits, 1u);
-    engine.syzygyProbeDepth = savedProbeDepth;
+    searchLimits.syzygyProbeDepth = savedProbeDepth;
     init_tablebases("");
     EXPECT_EQ(TB_LARGEST, 0);
 }
@@ -651,8 +649,8 @@ TEST(SearchThreads, TwoSearchersShareTheTable) {
     if (!hashTable)
         resizeHashTable(hashBucketsForMB(16), 1);
     clearHashTableMT(1);
-    theWorkForce.stopSearch = false;
-    engine.infinite = true;
+    searchSignals.stopSearch = false;
+    searchLimits.infinite = true;
     // Positions and tables are set up here: the global tables are filled before any
     // searcher exists, as in the engine.
     testPosition p1, p2;
@@ -661,7 +659,7 @@ TEST(SearchThreads, TwoSearchersShareTheTable) {
         tables->clearAll();
         tables->bind(pos);
         setInCheck(0, pos);
-        pos->nodeCheckCountdown = engine.nodeCheckInterval;
+        pos->nodeCheckCountdown = searchLimits.nodeCheckInterval;
         for (int d = 1; d <= 7; d++) {
             pos->searchDepth = u64(d);
             *score = alfabeta(0, d, -INF_SCORE, INF_SCORE, pos);
@@ -672,7 +670,7 @@ TEST(SearchThreads, TwoSearchersShareTheTable) {
     std::thread t2(worker, p2.get(), t2Tables.get(), &b);
     t1.join();
     t2.join();
-    engine.infinite = false;
+    searchLimits.infinite = false;
     EXPECT_LT(std::abs(a), 300);
     EXPECT_LT(std::abs(b), 300);
 }

@@ -2,7 +2,7 @@
 // safety of the hard limit over a grid of clocks, and the iteration factor.
 #include <gtest/gtest.h>
 
-#include "uci/timeman.h"
+#include "engine/timeman.h"
 
 namespace {
 

@@ -252,8 +252,8 @@ TEST(UciTranscript, PerftCommandKeepsItsDepth) {
         << first[18];
 
     // Refused depths leave the last one in force.
-    EXPECT_EQ(s.ask("perft 0"), (lines{"info string perft depth must be at least 1"}));
-    EXPECT_EQ(s.ask("perft -2"), (lines{"info string perft depth must be at least 1"}));
+    EXPECT_EQ(s.ask("perft 0"), (lines{"info string perft depth must be from 1 to 127"}));
+    EXPECT_EQ(s.ask("perft -2"), (lines{"info string perft depth must be from 1 to 127"}));
     EXPECT_EQ(s.ask("perft two"), (lines{"info string perft depth 'two' is not a number"}));
     auto again = s.ask("perft");
     ASSERT_EQ(again.size(), 19u);
