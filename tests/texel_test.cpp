@@ -43,7 +43,8 @@ std::string sampleFile(int n) {
     return text;
 }
 
-// The error as the definition states it, one position after the other.
+// The error computed the plain way, one position after the other: the mean squared
+// difference between result and the sigmoid of the evaluation.
 double independentError(int n) {
     testPosition tp;
     double sum = 0;

@@ -79,7 +79,8 @@ TEST(UciTranscript, BannerUciAndIsready) {
                      "option name SyzygyProbeDepth type spin default 0 min 0 max 127", "uciok"}));
     s.engine.send("isready");
     EXPECT_EQ(s.engine.readLine(), "readyok");
-    // Deliberately answered like "isready".
+    // Answered like "isready": the table clear it starts may take a while, and the
+    // reply tells the GUI that it has ended.
     s.engine.send("ucinewgame");
     EXPECT_EQ(s.engine.readLine(), "readyok");
     EXPECT_EQ(s.engine.finish(), 0);

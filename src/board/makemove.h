@@ -88,7 +88,9 @@ inline void makeMove(positionStruct* pos, int ply, moveStruct m) {
         if (pi == 0 || pi == 5)
             pawnKey ^= hashCodePiece[piece][from] ^ hashCodePiece[piece][to];
         if (type == MT_DOUBLE) {
-            // Set whether or not an enemy pawn could take: deliberately unconditional.
+            // Set after every double step, whether or not an enemy pawn could take: no
+            // look at the neighbours on this hot path. A FEN keeps the square only when
+            // the capture exists, so the key of such a position read from a FEN differs.
             nxt.enPassantSquare = u8(to);
             key ^= hashCodeEnpassant[fileOf(to)];
         }

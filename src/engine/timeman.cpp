@@ -85,11 +85,12 @@ void computeTimeBudget(engineStruct& e, int side) {
             cap /= 2;
         }
     } else if (n == 4 && cap < LAST_MOVES_FLOOR) {
-        cap = LAST_MOVES_FLOOR;  // deliberately only for exactly four moves to go
+        cap = LAST_MOVES_FLOOR;  // with exactly four moves to go only
     }
 
     if (e.moveTime > 0) {
-        // The overhead is deliberately not subtracted, and the soft tests cannot fire first.
+        // A fixed time per move is the GUI's allowance for thinking alone, so the overhead
+        // is not subtracted; the target ten times beyond it leaves the hard limit in charge.
         e.targetTime = 10 * i64(e.moveTime);
         e.maxTime = e.moveTime;
         return;
@@ -105,7 +106,9 @@ float nextIterationFactor(int depth, int instability, float previous) {
     if (depth < 6)
         return 1.0f;
     float f;
-    if (instability > 1)  // deliberately forgets a previous factor of 1 or more
+    // An unstable iteration after an already lengthened one starts again from 1, so that
+    // the lengthenings do not compound.
+    if (instability > 1)
         f = 0.2f * float(instability) + (previous >= 1.0f ? 1.0f : 0.8f * previous);
     else
         f = 0.9f * previous;

@@ -1,9 +1,10 @@
-// The search threads and the flags through which the command loop steers them.
+// The thread pool of the search: the workers and the boss that steers them.
 //
 // A fixed pool of long-lived threads, one `worker` each, parked on their own mutex and
 // condition variable between searches. Element 0 is the `boss`: "go" wakes it, it wakes
 // the others, decides when the search ends, picks whose result is reported and prints
-// "bestmove". The threads share only the transposition table and these flags.
+// "bestmove". The threads share only the transposition table, the flags below and the
+// stop and ponder flags of the tree search (search/searchlimits.h).
 #pragma once
 
 #include <atomic>

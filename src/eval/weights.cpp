@@ -1,8 +1,8 @@
 #include "eval/weights.h"
 
-// Where the values come from: the rows our design fixes (the back ranks of the knight and
-// king tables, the passed-pawn rows of the 6th and 7th ranks, three shield rows and every
-// one-dimensional table) are kept as they are. The other rows were written by hand from
+// Where the values come from: the back ranks of the knight and king tables, the
+// passed-pawn rows of the 6th and 7th ranks, three shield rows and every one-dimensional
+// table are fixed values, kept as they stand. The other rows were written by hand from
 // the usual principles: advancement for pawns, shelter for the middlegame king and
 // centralisation for the endgame king and the pieces. Mobility already pays knights,
 // rooks and queens for central squares, so their middlegame rows stay small; a check of

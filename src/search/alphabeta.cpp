@@ -8,7 +8,7 @@
 // pruning, exchange pruning, late-move reductions and the history bookkeeping of
 // cut-offs, and finally the table store. The root (ply 0) runs through the same code.
 //
-// Choices of ours where the design leaves room:
+// The finer points:
 //  - Late-move pruning and exchange pruning look at the moves of the quiet stage
 //    (STAGE_QUIETS, 7) only, never at a move that gives check, and only once a move has
 //    been searched without being mated (pruning everything would fake a stalemate). A
@@ -100,7 +100,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             return repetitionScore(pos->nodes);
         if (insufficientMaterial(pos))
             return 0;
-        // 32001 - ply is one above the best mate reachable from here: deliberate.
+        // The upper bound MATE + 1 - ply lies above the best score reachable from here
+        // (a mate on the next move scores MATE - ply - 1): it ends only windows that no
+        // line can enter, never a real one.
         alpha = std::max(alpha, ply - MATE);
         beta = std::min(beta, MATE + 1 - ply);
         if (alpha >= beta)
@@ -187,7 +189,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     return short(q);
             }
         } else {
-            // Step 10. Null move. Looking two plies back (not one) is deliberate.
+            // Step 10. Null move. Only our own previous move (two plies back) must not be
+            // a null move: a null reply to the opponent's null move is allowed, and the
+            // pair searches this very position shallower, a cheap guard against zugzwang.
             if (depth >= NULL_MIN_DEPTH && !pvNode && ps.nullMoveDisable == 0
                 && (ply < 2 || !pos->plyStack[ply - 2].currentMove.empty()) && e >= beta
                 && hasNonPawnMaterial(pos)) {

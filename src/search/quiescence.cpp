@@ -3,8 +3,8 @@
 // table but never writes it, and it neither looks at the clock nor at the stop flag:
 // a stopped search finishes its quiescence subtrees and the node search above returns.
 //
-// Our choices: below depth -4 the same capture generation is used, only without the
-// exchange filter; a capture passed over by the filter is dropped, not searched later.
+// Below depth -4 the same captures are generated, only without the exchange filter; a
+// capture the filter passes over is dropped, not searched later.
 #include <algorithm>
 
 #include "board/makemove.h"
@@ -71,8 +71,9 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
         generateMovesCaptures(ply, first, pos);
     moveStruct* const end = ps.moveListEnd;
 
-    // Steps 9-13. Best-first by the ordering byte; near the horizon captures that lose
-    // material by the exchange with every x-ray are dropped. An empty list returns the stand pat (or mated).
+    // Step 9. Best-first by the ordering byte; near the horizon captures that lose
+    // material by the exchange (every x-ray of both sides counted) are dropped. An empty
+    // list returns the stand pat (or mated).
     const bool exchangeFilter = !inCheck && depth >= QS_SEE_MIN_DEPTH && depth <= 0;
     plyStruct& child = pos->plyStack[ply + 1];
     int searched = 0;
@@ -82,10 +83,13 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
         if (exchangeFilter && m.type != MT_ENPASSANT && m.type < MT_CASTLE_K
             && seeValue[pos->board[m.to]] < seeValue[pos->board[m.from]] && !seeAtLeastFull(pos, m, 0))
             continue;
-        // Captures are pseudo-legal; evasions are legal except for a pinned en passant.
+        // Step 10. Legality: captures are pseudo-legal; evasions are legal except for a
+        // pinned en passant.
         if ((!inCheck || m.type == MT_ENPASSANT) && !isLegal(pos, ply, m))
             continue;
 
+        // Step 11. Search the move: the first with the full window, the others with a
+        // null window first and again with the full one when they land inside it.
         makeMove(pos, ply, m);
         prefetchHash(pos->hashKey);   // the child probes first thing
         child.inCheck = inCheckNow(pos);
@@ -100,6 +104,7 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
         takeBack(pos, ply, m);
         searched++;
 
+        // Step 12. The best score so far; one at beta or above ends the node.
         if (score > best) {
             best = score;
             if (score > a) {

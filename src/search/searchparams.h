@@ -90,7 +90,8 @@ constexpr int CHECK_EVAL = -32767;       // static evaluation placeholder in che
 //
 // Aspiration widths per thread (row = thread number mod 32): column 0 is the first
 // half-width, columns 1-4 the widths after the 1st-4th failure. The rows from 3 on run
-// one place out of step and row 31 ends in 0: deliberate, they spread the threads.
+// one place out of step and row 31 ends in 0; the uneven widths spread the threads over
+// different windows, so that they do not all repeat the same failures.
 // clang-format off
 constexpr i16 aspMatrix[32][5] = {
     {15, 35, 40, 80, 160}, {9, 24, 34, 75, 113}, {15, 35, 40, 80, 160}, {54, 69, 79, 195, 15},

@@ -28,8 +28,8 @@ inline bool isRepetition(const positionStruct* pos, int ply) {
     return false;
 }
 
-// The score of a repetition: +1 or -1 by the parity of a node counter, a deliberate and
-// cheap randomisation that keeps the engine from settling into one drawn line.
+// The score of a repetition: +1 or -1 by the parity of a node counter, a cheap
+// randomisation that keeps the engine from settling into one drawn line.
 inline short repetitionScore(u64 counter) { return (counter & 1) ? 1 : -1; }
 
 // No pawns and neither side with more than a minor piece's worth of material.

@@ -7,7 +7,8 @@
 // True when move m, followed by the best exchange on its target square, gains at least
 // `threshold` for the mover (piece values of seeValue). Works for quiet moves (nothing
 // captured), captures and en passant. Only the side that just captured gains the sliders
-// it uncovers behind its own piece: deliberately, x-rays of the other side stay hidden.
+// it uncovers behind its own piece; x-rays of the other side stay hidden, which leaves
+// the test a little optimistic for the side that captures.
 bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold);
 
 // The same test with every x-ray: sliders of both colours uncovered behind each piece
