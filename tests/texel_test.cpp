@@ -1,9 +1,7 @@
-// The "texel" measurement: loading, the split over the 30 workers, the two error passes
-// against an independent computation, and the report lines. Threaded, so the suite runs
-// under ThreadSanitizer too.
+// The "texel" measurement: loading and the result words, both error passes over the 30
+// workers against a plain one-thread computation, and the shared tuning set. Threaded,
+// so the suite runs under ThreadSanitizer too.
 #include <cmath>
-#include <fstream>
-#include <sstream>
 
 #include "eval/evaluate.h"
 #include "test_util.h"
@@ -11,144 +9,65 @@
 
 namespace {
 
-struct labelled {
-    std::string fen;
-    const char* result;
-};
-
-const labelled SAMPLE[] = {
-    {"rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq -", "1/2-1/2"},
-    {"r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq -", "1-0"},
-    {"2brq1k1/1p3p1p/2p3p1/2r2P2/p2bB3/3R2N1/PP1Q2PP/5R1K b - -", "0-1"},
-    {"8/6pk/2N1Bp2/7p/7P/3bnPK1/6P1/8 b - -", "1/2-1/2"},
-    {"8/p2n1ppk/2R4p/4P3/8/2N1P2P/P2r2P1/6K1 w - -", "1-0"},
-    {"4r1k1/8/8/8/8/3p4/4Q3/4K3 w - -", "0-1"},
-    {"8/8/1P6/8/8/8/k7/6K1 b - -", "1-0"},
-};
-
 std::string writeFile(const std::string& name, const std::string& text) {
     std::string path = testing::TempDir() + name;
     std::ofstream(path) << text;
     return path;
 }
 
-// n labelled lines cycling through the sample, plus lines the loader must skip.
-std::string sampleFile(int n) {
-    std::string text = "no label on this line\n\n";
-    for (int i = 0; i < n; i++) {
-        const labelled& l = SAMPLE[i % std::size(SAMPLE)];
-        text += l.fen + " c9 \"" + l.result + "\";\n";
-    }
-    return text;
-}
-
-// The error as the definition states it, one position after the other.
-double independentError(int n) {
-    testPosition tp;
+TEST(TexelThreads, BothErrorsMatchAOneThreadComputation) {
+    const std::pair<const char*, double> sample[] = {
+        {"rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq -", 0.5},
+        {"r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq -", 1.0},
+        {"2brq1k1/1p3p1p/2p3p1/2r2P2/p2bB3/3R2N1/PP1Q2PP/5R1K b - -", 0.0},
+        {"8/p2n1ppk/2R4p/4P3/8/2N1P2P/P2r2P1/6K1 w - -", 1.0},
+        {"4r1k1/8/8/8/8/3p4/4Q3/4K3 w - -", 0.0},
+        {"8/8/1P6/8/8/8/k7/6K1 b - -", 1.0},
+    };
+    // 100 labelled lines (not a multiple of the worker count) and lines the loader skips.
+    std::string text = "no label on this line\n4k3/8/8/8/8/8/8/4X2R w K - c9 \"1-0\";\n\n";
     double sum = 0;
-    for (int i = 0; i < n; i++) {
-        const labelled& l = SAMPLE[i % std::size(SAMPLE)];
-        tp.set(l.fen);
-        int e = evaluateN(0, tp.get());
-        if (tp->sideToMove == BLACK)
-            e = -e;
-        double result = std::string(l.result) == "1-0"   ? 1.0
-                        : std::string(l.result) == "0-1" ? 0.0
-                                                         : 0.5;
+    testPosition tp;
+    for (int i = 0; i < 100; i++) {
+        auto [fen, result] = sample[i % std::size(sample)];
+        text += std::string(fen) + " c9 \"" + (result == 1.0 ? "1-0" : result == 0.0 ? "0-1" : "1/2-1/2") + "\";\n";
+        tp.set(fen);
+        int e = tp->sideToMove == WHITE ? evaluateN(0, tp.get()) : -evaluateN(0, tp.get());
         double p = 1.0 / (1.0 + std::pow(10.0, -1.55 * e / 400.0));
         sum += (result - p) * (result - p);
     }
-    return sum / n;
-}
-
-std::vector<size_t> shares() {
-    std::vector<size_t> s;
-    for (auto& w : theTexelWorkForce.workers)
-        s.push_back(w->positions.size());
-    return s;
-}
-
-TEST(TexelThreads, BothErrorsEqualAndMatchAnIndependentComputation) {
-    initTables();
-    const int n = 100;
     std::ostringstream out;
-    texelResultStruct r = runTexel(writeFile("texel_sample.epd", sampleFile(n)), out);
+    texelResultStruct r = runTexel(writeFile("texel_sample.epd", text), out);
     ASSERT_TRUE(r.ran);
+    EXPECT_EQ(texelPositions.size(), 100u);
     EXPECT_EQ(r.startError, r.endError);
-    EXPECT_NEAR(r.startError, independentError(n), 1e-12);
-    EXPECT_EQ(texelPositions.size(), size_t(n));
-    EXPECT_TRUE(texelPars.empty());
-
-    std::ostringstream expected;
-    expected << "info string 1 lines without a valid FEN and \"c9\" result skipped\n";
-    for (int i = 0; i < TEXEL_WORKERS; i++)
-        expected << "Lets go\n";
-    expected << "Starting texel tuning....\nStarting error " << r.startError
-             << "\n\n Improving: 1\n"
-             << "Ending error " << r.endError << " Minimum error " << r.startError << "\n";
-    EXPECT_EQ(out.str(), expected.str());
-
-    // 100 = 30 x 3 + 10: the remainder goes to the last worker.
-    std::vector<size_t> want(TEXEL_WORKERS, 3);
-    want.back() = 13;
-    EXPECT_EQ(shares(), want);
+    EXPECT_NEAR(r.startError, sum / 100, 1e-12);
+    EXPECT_NE(out.str().find("info string 2 lines without a valid FEN"), std::string::npos) << out.str();
 }
 
-TEST(TexelThreads, FewerPositionsThanWorkersAllGoToTheLast) {
+TEST(TexelThreads, ResultWordsMissingAndEmptyFiles) {
     initTables();
-    std::ostringstream out;
-    texelResultStruct r = runTexel(writeFile("texel_few.epd", sampleFile(7)), out);
-    ASSERT_TRUE(r.ran);
-    std::vector<size_t> want(TEXEL_WORKERS, 0);
-    want.back() = 7;
-    EXPECT_EQ(shares(), want);
-    EXPECT_NEAR(r.endError, independentError(7), 1e-12);
-    // A second run replaces the first run's workers and positions.
-    EXPECT_EQ(theTexelWorkForce.workers.size(), size_t(TEXEL_WORKERS));
-    EXPECT_EQ(texelPositions.size(), 7u);
-}
-
-TEST(TexelThreads, ResultWordsAndBadLines) {
-    initTables();
-    std::ostringstream out;
     // Only "1-0" and "1/2" (characters 2 to 4 of the word) are recognised; anything else
-    // is a loss for White. A bad FEN and a line without "c9" are skipped.
-    std::string text =
-        "4k3/8/8/8/8/8/8/4K2R w K - c9 \"1-0\";\n"
-        "4k3/8/8/8/8/8/8/4K2R w K - c9 \"1/2-1/2\";\n"
-        "4k3/8/8/8/8/8/8/4K2R w K - c9 \"*\";\n"
-        "4k3/8/8/8/8/8/8/4K2R w K - c9\n"
-        "4k3/8/8/8/8/8/8/4X2R w K - c9 \"1-0\";\n"
-        "4k3/8/8/8/8/8/8/4K2R w K -\n";
-    ASSERT_TRUE(runTexel(writeFile("texel_words.epd", text), out).ran);
-    ASSERT_EQ(texelPositions.size(), 4u);
+    // is a loss for White.
+    std::ostringstream out;
+    ASSERT_TRUE(runTexel(writeFile("texel_words.epd", "4k3/8/8/8/8/8/8/4K2R w K - c9 \"1-0\";\n"
+                                                      "4k3/8/8/8/8/8/8/4K2R w K - c9 \"1/2-1/2\";\n"
+                                                      "4k3/8/8/8/8/8/8/4K2R w K - c9 \"*\";\n"),
+                         out)
+                    .ran);
+    ASSERT_EQ(texelPositions.size(), 3u);
     EXPECT_EQ(texelPositions[0].result, 1.0);
     EXPECT_EQ(texelPositions[1].result, 0.5);
     EXPECT_EQ(texelPositions[2].result, 0.0);
-    EXPECT_EQ(texelPositions[3].result, 0.0);
-    EXPECT_EQ(texelPositions[0].fen, "4k3/8/8/8/8/8/8/4K2R w K - ");
-    EXPECT_NE(out.str().find("info string 2 lines"), std::string::npos) << out.str();
+    std::ostringstream missing;
+    EXPECT_FALSE(runTexel(testing::TempDir() + "no_such_tuning_file.epd", missing).ran);
+    EXPECT_EQ(missing.str(), "There seems to be a problem with the tuning file. tuning not executed\n");
+    texelResultStruct empty = runTexel(writeFile("texel_empty.epd", ""), out);
+    EXPECT_TRUE(empty.ran && std::isnan(empty.startError) && std::isnan(empty.endError));
 }
 
-TEST(TexelThreads, MissingFileGivesTheMessage) {
-    initTables();
-    std::ostringstream out;
-    EXPECT_FALSE(runTexel(testing::TempDir() + "no_such_tuning_file.epd", out).ran);
-    EXPECT_EQ(out.str(), "There seems to be a problem with the tuning file. tuning not executed\n");
-}
-
-TEST(TexelThreads, EmptyFileReportsNotANumber) {
-    initTables();
-    std::ostringstream out;
-    texelResultStruct r = runTexel(writeFile("texel_empty.epd", ""), out);
-    ASSERT_TRUE(r.ran);
-    EXPECT_TRUE(std::isnan(r.startError));
-    EXPECT_TRUE(std::isnan(r.endError));
-    EXPECT_NE(out.str().find("no labelled positions"), std::string::npos);
-    EXPECT_NE(out.str().find("Ending error nan Minimum error nan\n"), std::string::npos)
-        << out.str();
-}
-
+// A coin toss scores 0.25 on decisive games; an evaluation that knows anything does
+// clearly better.
 TEST(TexelThreads, SharedTuningSetGivesAPlausibleError) {
     REQUIRE_DATA("tuning/selfplay-labeled.epd");
     initTables();
@@ -157,8 +76,6 @@ TEST(TexelThreads, SharedTuningSetGivesAPlausibleError) {
     ASSERT_TRUE(r.ran);
     EXPECT_EQ(texelPositions.size(), 42615u);
     EXPECT_EQ(r.startError, r.endError);
-    // A coin toss scores 0.25 on decisive games; an evaluation that knows anything does
-    // clearly better.
     EXPECT_GT(r.startError, 0.05);
     EXPECT_LT(r.startError, 0.2);
 }
