@@ -86,7 +86,8 @@ public:
     }
 
     // Lines up to and including the first one equal to `last`; nullopt when it never came.
-    std::optional<std::vector<std::string>> readUntil(const std::string& last, int timeoutMs = DEFAULT_TIMEOUT_MS) {
+    std::optional<std::vector<std::string>> readUntil(const std::string& last,
+                                                      int timeoutMs = DEFAULT_TIMEOUT_MS) {
         const auto deadline = clock::now() + std::chrono::milliseconds(timeoutMs);
         std::vector<std::string> lines;
         while (auto line = readLine(int(std::max<long long>(msLeft(deadline), 0)))) {
@@ -99,7 +100,8 @@ public:
 
     // Sends `line` and "isready"; returns what came before the "readyok". For commands that
     // print "readyok" themselves ("ucinewgame") read with readUntil instead.
-    std::optional<std::vector<std::string>> ask(const std::string& line, int timeoutMs = DEFAULT_TIMEOUT_MS) {
+    std::optional<std::vector<std::string>> ask(const std::string& line,
+                                                int timeoutMs = DEFAULT_TIMEOUT_MS) {
         if (!send(line) || !send("isready"))
             return std::nullopt;
         auto lines = readUntil("readyok", timeoutMs);
@@ -145,7 +147,8 @@ private:
         fd = -1;
     }
     static long long msLeft(clock::time_point deadline) {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
+        return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now())
+            .count();
     }
 
     void start(const engineOptionsStruct& opts) {

@@ -1,12 +1,13 @@
 // The static evaluation: colour symmetry of the score and of every traced term, agreement
-// of incremental and cached answers with fresh ones, and the "eval" command of the binary.
-#include "engine_process.h"
+// of incremental and cached answers with fresh ones.
 #include "eval/evaluate.h"
 #include "test_util.h"
 
 namespace {
 
-int whiteView(positionStruct* pos) { return pos->sideToMove == WHITE ? evaluateN(0, pos) : -evaluateN(0, pos); }
+int whiteView(positionStruct* pos) {
+    return pos->sideToMove == WHITE ? evaluateN(0, pos) : -evaluateN(0, pos);
+}
 
 // FENs of every position of random games from the start position.
 std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed) {
@@ -15,7 +16,8 @@ std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed
     testPosition tp;
     for (int g = 0; g < games; g++) {
         tp.set(fenStartPos);
-        randomWalk(tp.get(), plies, rng, [&](positionStruct* pos, auto&) { fens.push_back(fenOf(pos)); });
+        randomWalk(tp.get(), plies, rng,
+                   [&](positionStruct* pos, auto&) { fens.push_back(fenOf(pos)); });
     }
     return fens;
 }
@@ -29,7 +31,8 @@ void expectMirrorSymmetry(const std::vector<std::string>& fens) {
         b.set(mirrorFen(fen));
         ASSERT_EQ(evaluateN(0, a.get()), evaluateN(0, b.get())) << fen << "\n" << mirrorFen(fen);
         evalTraceStruct ta, tb;
-        ASSERT_EQ(evaluateTraced(a.get(), &ta), whiteView(a.get())) << "trace and evaluation differ: " << fen;
+        ASSERT_EQ(evaluateTraced(a.get(), &ta), whiteView(a.get()))
+            << "trace and evaluation differ: " << fen;
         evaluateTraced(b.get(), &tb);
         for (int t = 0; t < TERM_COUNT; t++) {
             if (t == TERM_INITIATIVE) {  // White's slot only, a correction of the total
@@ -76,24 +79,6 @@ struct testCaches {
     std::vector<pawnCacheEntry> pawn = std::vector<pawnCacheEntry>(PAWN_CACHE_SIZE);
 };
 
-TEST(EvalCache, HitReturnsTheStoredScoreAndAMissReplacesIt) {
-    testCaches caches;
-    for (const char* fen : {"r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq - 2 3",
-                            "r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R b KQkq - 2 3"}) {
-        testPosition tp(fen);
-        tp->evalCache = caches.eval.data();
-        evalCacheEntry& e = caches.eval[tp->hashKey & (EVAL_CACHE_SIZE - 1)];
-        e.key = tp->hashKey;
-        e.score = 1234;  // stored from White's point of view; no real evaluation gives it
-        EXPECT_EQ(whiteView(tp.get()), 1234) << fen;
-        e.key ^= 1ULL << 40;
-        int v = whiteView(tp.get());
-        EXPECT_NE(v, 1234);
-        EXPECT_EQ(e.key, tp->hashKey);
-        EXPECT_EQ(e.score, v);
-    }
-}
-
 // Random games keep their pawn skeleton while the pieces wander, so most pawn-cache
 // lookups hit an entry written for another position; the second pass answers from the
 // evaluation cache.
@@ -109,24 +94,10 @@ TEST(EvalCache, CachedAnswersEqualFreshComputation) {
             cached.set(fen);
             plain.set(fen);
             pawnHits += caches.pawn[cached->pawnKey & (PAWN_CACHE_SIZE - 1)].key == cached->pawnKey;
-            ASSERT_EQ(evaluateN(0, cached.get()), evaluateN(0, plain.get())) << fen << " pass " << pass;
+            ASSERT_EQ(evaluateN(0, cached.get()), evaluateN(0, plain.get()))
+                << fen << " pass " << pass;
         }
     EXPECT_GT(pawnHits, 200);
-}
-
-// "eval" prints the term table ending in the score; "evil" prints nothing.
-TEST(EvalCommand, EvalPrintsTheScoreEvilPrintsNothing) {
-    engineProcess e;
-    ASSERT_TRUE(e.readUntil("enter 'help' to see the commands"));
-    for (const char* fen : {"r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R b KQkq - 2 3",
-                            "4r1k1/8/8/8/8/3p4/4Q3/4K3 b - - 0 1"}) {
-        auto table = e.ask(std::string("position fen ") + fen + "\neval");
-        testPosition tp(fen);
-        ASSERT_TRUE(table && table->size() > 3) << e.transcript();
-        EXPECT_EQ(table->back(), "Evaluation: " + std::to_string(whiteView(tp.get())));
-    }
-    EXPECT_EQ(e.ask("evil"), std::vector<std::string>{});
-    EXPECT_EQ(e.finish(), 0);
 }
 
 }  // namespace

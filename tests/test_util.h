@@ -49,13 +49,15 @@ struct testPosition {
     positionStruct* get() { return pos.get(); }
 };
 
-inline std::string dataPath(const std::string& rel) { return std::string(QUORVANE_DATA_DIR) + "/" + rel; }
+inline std::string dataPath(const std::string& rel) {
+    return std::string(QUORVANE_DATA_DIR) + "/" + rel;
+}
 
-#define REQUIRE_DATA(rel)                                                                          \
-    do {                                                                                           \
-        if (!std::filesystem::exists(dataPath(rel)))                                               \
-            GTEST_SKIP() << "test data missing: " << dataPath(rel)                                 \
-                         << " (set QUORVANE_DATA_DIR to the shared data folder)";                  \
+#define REQUIRE_DATA(rel)                                                         \
+    do {                                                                          \
+        if (!std::filesystem::exists(dataPath(rel)))                              \
+            GTEST_SKIP() << "test data missing: " << dataPath(rel)                \
+                         << " (set QUORVANE_DATA_DIR to the shared data folder)"; \
     } while (0)
 
 // The legal moves at `ply`, with the generator's ordering keys.
@@ -124,9 +126,11 @@ inline std::string fenOf(const positionStruct* pos) {
     for (int i : {0, 2, 1, 3})
         if (p.castlingRights & (1 << i))
             rights += "KkQq"[i];
-    fen += std::string(pos->sideToMove == WHITE ? " w " : " b ") + (rights.empty() ? "-" : rights) + " ";
+    fen += std::string(pos->sideToMove == WHITE ? " w " : " b ") + (rights.empty() ? "-" : rights)
+           + " ";
     int ep = pos->sideToMove == WHITE ? p.enPassantSquare + 8 : p.enPassantSquare - 8;
-    return fen + (p.enPassantSquare ? squareToString(ep) : "-") + " " + std::to_string(pos->halfMoveClock) + " 1";
+    return fen + (p.enPassantSquare ? squareToString(ep) : "-") + " "
+           + std::to_string(pos->halfMoveClock) + " 1";
 }
 
 // The same position with the board flipped, colours and side to move exchanged.

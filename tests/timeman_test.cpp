@@ -11,11 +11,11 @@ TEST(TimeBudget, WorkedClockSituations) {
         int timeLeft, inc, gamePly, movesToGo, moveTime;  // movesToGo 0: not given
         i64 target, max;
     } cases[] = {
-        {900000, 0, 0, 0, 0, 14850, 74250},    // "go" alone at the start of a game
-        {1000, 1000, 30, 0, 0, 449, 450},      // short clock: budget halved
-        {900000, 0, 0, 0, 500, 5000, 500},     // movetime overrides both
-        {10000, 0, 30, 1, 0, 8030, 9900},      // last move before the time control
-        {150, 0, 60, 4, 0, 27, 40},            // exactly four to go: a floor of 40 ms
+        {900000, 0, 0, 0, 0, 14850, 74250},  // "go" alone at the start of a game
+        {1000, 1000, 30, 0, 0, 449, 450},    // short clock: budget halved
+        {900000, 0, 0, 0, 500, 5000, 500},   // movetime overrides both
+        {10000, 0, 30, 1, 0, 8030, 9900},    // last move before the time control
+        {150, 0, 60, 4, 0, 27, 40},          // exactly four to go: a floor of 40 ms
         {150, 0, 60, 3, 0, 36, 37},
         {100000, 0, 1024, 0, 0, 3079, 15395},  // unknown game ply: 30 moves, a bigger share
         {100000, 0, 60, 0, 0, 2640, 13200},
@@ -31,26 +31,11 @@ TEST(TimeBudget, WorkedClockSituations) {
         e.movesToGoGiven = c.movesToGo > 0;
         e.moveTime = c.moveTime;
         computeTimeBudget(e, WHITE);
-        EXPECT_EQ(e.targetTime, c.target) << c.timeLeft << " " << c.inc << " " << c.gamePly << " " << c.movesToGo;
-        EXPECT_EQ(e.maxTime, c.max) << c.timeLeft << " " << c.inc << " " << c.gamePly << " " << c.movesToGo;
+        EXPECT_EQ(e.targetTime, c.target)
+            << c.timeLeft << " " << c.inc << " " << c.gamePly << " " << c.movesToGo;
+        EXPECT_EQ(e.maxTime, c.max)
+            << c.timeLeft << " " << c.inc << " " << c.gamePly << " " << c.movesToGo;
     }
-}
-
-// The usage factor is fixed at the first move of a game and kept by later moves.
-TEST(TimeBudget, UsageFactorIsSetOncePerGame) {
-    engineStruct e;
-    e.timeLeft[WHITE] = 900000;
-    computeTimeBudget(e, WHITE);
-    EXPECT_FLOAT_EQ(e.usageFactor, 1.75f);
-    EXPECT_FALSE(e.newGame);
-    e.timeLeft[WHITE] = 60000;
-    e.increment[WHITE] = 50000;
-    e.gamePly = 30;
-    computeTimeBudget(e, WHITE);
-    EXPECT_FLOAT_EQ(e.usageFactor, 1.75f);
-    e.newGame = true;
-    computeTimeBudget(e, WHITE);
-    EXPECT_FLOAT_EQ(e.usageFactor, 1.37f);
 }
 
 // Over a grid of clocks the hard limit stays within the time left less the overhead (at
@@ -70,7 +55,8 @@ TEST(TimeBudget, HardLimitNeverExceedsTheClock) {
                         e.movesToGo = mtg;
                         e.movesToGoGiven = mtg >= 0;
                         computeTimeBudget(e, WHITE);
-                        EXPECT_LE(e.maxTime, std::max<i64>(t - e.moveOverhead, 1)) << t << " " << inc << " " << ply << " " << mtg;
+                        EXPECT_LE(e.maxTime, std::max<i64>(t - e.moveOverhead, 1))
+                            << t << " " << inc << " " << ply << " " << mtg;
                         EXPECT_GE(e.maxTime, 1);
                         EXPECT_GE(e.targetTime, 0);
                     }
@@ -80,12 +66,13 @@ TEST(StopRules, IterationFactorAndHardLimit) {
     const std::tuple<int, int, float, float> cases[] = {
         {5, 10, 1.7f, 1.0f},  // below depth 6
         {6, 3, 1.0f, 1.6f},   // a previous factor of 1 or more is forgotten
-        {6, 3, 1.5f, 1.6f}, {6, 2, 0.9f, 1.12f}, {6, 1, 1.0f, 0.9f},
-        {9, 0, 0.6f, 0.6f},   // clamped below
-        {9, 12, 1.0f, 2.0f},  // clamped above
+        {6, 3, 1.5f, 1.6f},  {6, 2, 0.9f, 1.12f},
+        {6, 1, 1.0f, 0.9f},  {9, 0, 0.6f, 0.6f},  // clamped below
+        {9, 12, 1.0f, 2.0f},                      // clamped above
     };
     for (auto [depth, instability, previous, expected] : cases)
-        EXPECT_FLOAT_EQ(nextIterationFactor(depth, instability, previous), expected) << depth << " " << instability;
+        EXPECT_FLOAT_EQ(nextIterationFactor(depth, instability, previous), expected)
+            << depth << " " << instability;
     engineStruct e;
     e.startTimeMs = nowMs() - 1000;
     e.maxTime = 500;

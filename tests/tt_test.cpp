@@ -1,5 +1,5 @@
-// The transposition table: sizing, the parallel clear, the data word, the replacement
-// rule with ages, mate scores, and concurrent use from several threads.
+// The transposition table: sizing, the parallel clear, the data word and its age, mate
+// scores, and concurrent use from several threads.
 #include <cstring>
 #include <thread>
 
@@ -23,7 +23,8 @@ struct TranspositionTable : ::testing::Test {
 using TranspositionTableThreads = TranspositionTable;
 
 TEST_F(TranspositionTable, SizingAndParallelClear) {
-    const std::pair<int, u64> sizes[] = {{1, 16384}, {3, 65536}, {4, 65536}, {5, 131072}, {257, 8388608}, {262144, 1ULL << 32}};
+    const std::pair<int, u64> sizes[] = {{1, 16384},  {3, 65536},     {4, 65536},
+                                         {5, 131072}, {257, 8388608}, {262144, 1ULL << 32}};
     for (auto [mb, buckets] : sizes)
         EXPECT_EQ(hashBucketsForMB(mb), buckets) << mb << " MB";
     // The chunks of every split tile the table and its spare bucket exactly.
@@ -44,7 +45,8 @@ TEST_F(TranspositionTable, SizingAndParallelClear) {
         clearHashTableMT(threads);
         EXPECT_EQ(hashHartBeat, 0u);
         const auto* bytes = reinterpret_cast<const unsigned char*>(hashTable);
-        EXPECT_EQ(std::count(bytes, bytes + (BUCKETS + 1) * sizeof(hashBucketStruct), 0), long((BUCKETS + 1) * 64))
+        EXPECT_EQ(std::count(bytes, bytes + (BUCKETS + 1) * sizeof(hashBucketStruct), 0),
+                  long((BUCKETS + 1) * 64))
             << threads << " threads";
     }
     EXPECT_EQ(resizeHashTable(hashBucketsForMB(3), 2), 65536u);
@@ -54,8 +56,10 @@ TEST_F(TranspositionTable, SizingAndParallelClear) {
 TEST_F(TranspositionTable, StoreProbeAndAge) {
     EXPECT_EQ(probeHash(0x1234567890ABCDEFULL), 0u);
     const u32 move = moveStruct{12, 28, MT_DOUBLE, WPAWN}.packed();
-    const std::tuple<int, int, int> cases[] = {
-        {0, 0, BOUND_EXACT}, {-123, -1, BOUND_UPPER}, {32767, 127, BOUND_LOWER}, {-32767, -7, BOUND_EXACT}};
+    const std::tuple<int, int, int> cases[] = {{0, 0, BOUND_EXACT},
+                                               {-123, -1, BOUND_UPPER},
+                                               {32767, 127, BOUND_LOWER},
+                                               {-32767, -7, BOUND_EXACT}};
     u64 key = 0x9E3779B97F4A7C15ULL;
     for (auto [score, depth, bound] : cases) {
         key = key * 6364136223846793005ULL + 1442695040888963407ULL;
@@ -63,8 +67,8 @@ TEST_F(TranspositionTable, StoreProbeAndAge) {
         storeHash(key, move, score, depth, bound);
         hashAgeCounter = 40;  // a probe refreshes the age, nothing else
         u64 d = probeHash(key);
-        EXPECT_TRUE(hashMove(d) == move && hashScore(d) == score && hashDepth(d) == depth && hashBound(d) == bound
-                    && hashAge(d) == 40)
+        EXPECT_TRUE(hashMove(d) == move && hashScore(d) == score && hashDepth(d) == depth
+                    && hashBound(d) == bound && hashAge(d) == 40)
             << score << " " << depth << " " << bound;
         EXPECT_EQ(hashAge(probeHash(key)), 40);
         EXPECT_EQ(probeHash(key ^ (1ULL << 63)), 0u) << "the whole key is compared";
@@ -77,41 +81,10 @@ TEST_F(TranspositionTable, StoreProbeAndAge) {
     }
 }
 
-// Which entry of bucket `b` a new key takes, after filling the four with (depth, bound, age).
-int replacedEntry(const std::array<std::tuple<int, int, int>, 4>& entries, int age) {
-    const u64 b = 77;
-    std::memset(static_cast<void*>(&hashTable[b]), 0, sizeof(hashBucketStruct));
-    for (int i = 0; i < 4; i++) {
-        auto [depth, bound, entryAge] = entries[i];
-        hashAgeCounter = u8(entryAge);
-        storeHash(keyIn(b, i), 100 + i, 0, depth, bound);  // empty entries fill in order
-    }
-    hashAgeCounter = u8(age);
-    storeHash(keyIn(b, 50), 999, 0, 4, BOUND_LOWER);
-    for (int i = 0; i < 4; i++)
-        if (hashTable[b].key[i].load() == keyIn(b, 50))
-            return i;
-    return -1;
-}
-
-TEST_F(TranspositionTable, ReplacementValueOfFullBuckets) {
-    const int E = BOUND_EXACT, L = BOUND_LOWER;
-    // Value: depth, +1 for an exact bound, -4 per search of age (wrapping at 64).
-    EXPECT_EQ(replacedEntry({{{5, E, 0}, {5, E, 0}, {9, E, 0}, {2, L, 0}}}, 0), 3);
-    EXPECT_EQ(replacedEntry({{{5, E, 0}, {5, E, 10}, {9, E, 10}, {2, L, 10}}}, 10), 0);
-    EXPECT_EQ(replacedEntry({{{10, L, 0}, {10, L, 0}, {10, L, 63}, {10, L, 0}}}, 0), 2);
-    EXPECT_EQ(replacedEntry({{{5, L, 0}, {10, L, 63}, {8, L, 0}, {7, L, 0}}}, 0), 0);
-    EXPECT_EQ(replacedEntry({{{10, L, 0}, {10, L, 0}, {10, L, 0}, {10, L, 0}}}, 0), 0);  // ties: lowest index
-    EXPECT_EQ(replacedEntry({{{3, L, 0}, {-1, L, 0}, {-1, L, 0}, {0, L, 0}}}, 0), 1);
-    // A store for a key already held overwrites that entry, however deep.
-    storeHash(keyIn(77, 2), 7, -3, 1, BOUND_UPPER);
-    EXPECT_EQ(hashTable[77].key[2].load(), keyIn(77, 2));
-    EXPECT_EQ(hashDepth(hashTable[77].data[2].load()), 1);
-}
-
 TEST(TranspositionTableScores, MateScoresAreNodeRelative) {
-    const std::tuple<int, int, int> toHash[] = {
-        {31990, 5, 31995}, {-31990, 5, -31995}, {31872, 3, 31875}, {31871, 3, 31871}, {-31872, 3, -31875}, {-31871, 3, -31871}};
+    const std::tuple<int, int, int> toHash[] = {{31990, 5, 31995},   {-31990, 5, -31995},
+                                                {31872, 3, 31875},   {31871, 3, 31871},
+                                                {-31872, 3, -31875}, {-31871, 3, -31871}};
     for (auto [score, ply, stored] : toHash) {
         EXPECT_EQ(scoreToHash(score, ply), stored) << score << " at ply " << ply;
         EXPECT_EQ(scoreFromHash(stored, ply), score) << stored << " at ply " << ply;
@@ -134,11 +107,13 @@ TEST_F(TranspositionTableThreads, ConcurrentStoresAndProbes) {
             for (int r = 0; r < rounds; r++) {
                 u64 key = keyIn(rng() % 8, rng() % 16);
                 if (rng() % 2) {
-                    storeHash(key, u32(key) | 1, int(rng() % 2000) - 1000, 1 + int(rng() % 20), 1 + int(rng() % 3));
+                    storeHash(key, u32(key) | 1, int(rng() % 2000) - 1000, 1 + int(rng() % 20),
+                              1 + int(rng() % 3));
                 } else if (u64 d = probeHash(key)) {
                     hits[t]++;
-                    bad[t] += !(hashDepth(d) >= 1 && hashDepth(d) <= 20 && hashBound(d) != 0 && hashAge(d) == 5
-                                && (hashMove(d) & 1) && hashScore(d) >= -1000 && hashScore(d) < 1000);
+                    bad[t] += !(hashDepth(d) >= 1 && hashDepth(d) <= 20 && hashBound(d) != 0
+                                && hashAge(d) == 5 && (hashMove(d) & 1) && hashScore(d) >= -1000
+                                && hashScore(d) < 1000);
                 }
             }
         });
