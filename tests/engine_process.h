@@ -1,8 +1,6 @@
-// The real engine binary run as a child process, the way a chess GUI runs it: pipes on its
-// standard input and output, command lines written one at a time, replies read line by
-// line with a time limit. Standard error is inherited unless a file is named, so sanitizer
-// reports of the child land in the test log; a child stopped by a sanitizer shows up as a
-// non-zero exit status in finish().
+// The real engine binary as a child process, run the way a chess GUI runs it: command lines
+// written one at a time, replies read line by line with a time limit. Sanitizer reports of
+// the child go to the inherited standard error and show as a non-zero status in finish().
 #pragma once
 
 #include <fcntl.h>
@@ -31,8 +29,7 @@ constexpr int ENGINE_TIME_SCALE = 1;
 
 struct engineOptionsStruct {
     std::vector<std::string> args;  // command-line arguments (command-line mode)
-    // Extra "NAME=value" environment entries; the hash ceiling keeps the largest "Hash"
-    // values from really claiming half the machine's memory.
+    // Extra environment entries; the ceiling keeps large "Hash" values from taking the machine.
     std::vector<std::string> env = {"QUORVANE_HASH_LIMIT_MB=256"};
     std::string workDir;     // working directory of the child; empty: the test's own
     std::string stderrPath;  // file receiving the child's standard error; empty: inherited
@@ -156,8 +153,7 @@ private:
         int in[2], out[2];
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
             return;
-        // Everything the child needs is built before fork: after it only async-signal-safe
-        // calls are allowed.
+        // Built before fork: after it only async-signal-safe calls are allowed.
         std::vector<std::string> argStore = {QUORVANE_BINARY}, envStore = opts.env;
         argStore.insert(argStore.end(), opts.args.begin(), opts.args.end());
         std::vector<char*> argv, envp;

@@ -1,5 +1,5 @@
-// The static evaluation: colour symmetry of the score and of every traced term, agreement
-// of incremental and cached answers with fresh ones.
+// The static evaluation: colour symmetry of the score and of every traced term, and cached
+// answers against fresh ones. (Incremental sums against scratch: the board tests.)
 #include "eval/evaluate.h"
 #include "test_util.h"
 
@@ -58,20 +58,6 @@ TEST(EvalSymmetry, MirrorOfRandomGamePositions) {
     auto fens = randomGamePositions(40, 160, 12345);
     fens.push_back("rnbqkbnr/ppp1p1pp/8/3pPp2/8/8/PPPP1PPP/RNBQKBNR w KQkq f6 0 3");
     expectMirrorSymmetry(fens);
-}
-
-// The evaluation reads the incrementally kept material and piece-square sums: after any
-// line of moves they give what a freshly read FEN gives.
-TEST(EvalConsistency, IncrementalPositionsScoreAsFromScratch) {
-    testPosition fresh, tp;
-    std::mt19937 rng(777);
-    for (int g = 0; g < 20; g++) {
-        tp.set(fenStartPos);
-        randomWalk(tp.get(), 150, rng, [&](positionStruct* pos, auto&) {
-            fresh.set(fenOf(pos));
-            ASSERT_EQ(evaluateN(0, pos), evaluateN(0, fresh.get())) << fenOf(pos);
-        });
-    }
 }
 
 struct testCaches {

@@ -75,26 +75,19 @@ TEST(EngineSearch, DepthLimitsProgressLinesAndMates) {
     prepare(e);
     const std::string fen = "r1bqkb1r/pppp1ppp/2n2n2/4p3/2B1P3/5N2/PPPP1PPP/RNBQK2R w KQkq - 4 4";
     e.send("position fen " + fen);
-    for (const char* depth : {"5", "10"}) {
-        e.send(std::string("go depth ") + depth);
-        auto out = readSearch(e, 120000);
-        expectLegalOutput(fen, out);
-        if (depth[0] == '5') {  // below depth 10 no progress lines
-            for (const auto& info : out.info)
-                EXPECT_EQ(info.find("info score cp"), std::string::npos) << info;
-            continue;
-        }
-        ASSERT_FALSE(out.info.empty());
-        auto w = words(out.info.back());
-        ASSERT_GE(w.size(), 17u) << out.info.back();
-        EXPECT_EQ(w[1] + w[2] + w[4] + w[5], "scorecpdepth10") << out.info.back();
-        for (const char* key : {"seldepth", "nodes", "nps", "time", "tbhits", "pv"})
-            EXPECT_NE(std::find(w.begin(), w.end(), key), w.end()) << key;
-    }
+    e.send("go depth 10");
+    auto out = readSearch(e, 120000);
+    expectLegalOutput(fen, out);
+    ASSERT_FALSE(out.info.empty());
+    auto w = words(out.info.back());
+    ASSERT_GE(w.size(), 17u) << out.info.back();
+    EXPECT_EQ(w[1] + w[2] + w[4] + w[5], "scorecpdepth10") << out.info.back();
+    for (const char* key : {"seldepth", "nodes", "nps", "time", "tbhits", "pv"})
+        EXPECT_NE(std::find(w.begin(), w.end(), key), w.end()) << key;
     // A mate in one is reported and played; a mated root answers with the null move.
     e.send("position fen 6k1/5ppp/8/8/8/8/5PPP/3R2K1 w - - 0 1");
     e.send("go depth 6");
-    auto out = readSearch(e);
+    out = readSearch(e);
     EXPECT_EQ(out.best, "d1d8");
     EXPECT_TRUE(std::any_of(out.info.begin(), out.info.end(),
                             [](auto& l) { return l.rfind("info score mate 1 ", 0) == 0; }));
@@ -104,15 +97,6 @@ TEST(EngineSearch, DepthLimitsProgressLinesAndMates) {
     ASSERT_FALSE(out.info.empty());
     EXPECT_EQ(out.info.back(), "info score mate 0");
     EXPECT_EQ(out.best, "a1a1");
-    // A single legal move is answered at once, without progress lines.
-    e.send("position fen k7/8/2K5/8/8/8/8/R7 b - - 0 1");
-    auto t0 = clockType::now();
-    e.send("go wtime 100000 btime 100000");
-    out = readSearch(e);
-    EXPECT_LT(msSince(t0), 2000 * ENGINE_TIME_SCALE);
-    EXPECT_EQ(out.best, "a8b8");
-    for (const auto& info : out.info)
-        EXPECT_EQ(info.find("info score cp"), std::string::npos) << info;
     EXPECT_EQ(e.finish(), 0);
 }
 
@@ -154,15 +138,8 @@ TEST(EngineSearch, PonderAndMovetime) {
     e.send("ponderhit");
     expectLegalOutput("rnbqkbnr/pppppppp/8/8/3P4/8/PPP1PPPP/RNBQKBNR b KQkq - 0 1",
                       readSearch(e, 2000 * ENGINE_TIME_SCALE));
-    // Ponderhit during a running search hands it over to the clock.
-    e.send("go ponder wtime 2000 btime 2000");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    e.send("ponderhit");
-    auto t0 = clockType::now();
-    EXPECT_TRUE(readSearch(e, 5000 * ENGINE_TIME_SCALE).ended);
-    EXPECT_LT(msSince(t0), 2000 * ENGINE_TIME_SCALE);
     e.send("position startpos");
-    t0 = clockType::now();
+    auto t0 = clockType::now();
     e.send("go movetime 200");
     expectLegalOutput(fenStartPos, readSearch(e));
     EXPECT_GE(msSince(t0), 150);

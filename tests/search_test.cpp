@@ -1,7 +1,6 @@
 // The tree search: mate, draw and tablebase scores, the move picker and the table-move
-// test, the position left untouched, and two threads sharing the table.
+// test, and the position left untouched.
 #include <algorithm>
-#include <thread>
 
 #include "search/movepick.h"
 #include "search/search.h"
@@ -322,37 +321,6 @@ TEST_F(SearchTest, BestMoveLegalAndPositionUnchanged) {
                     && r.bestMove.score == pos->board[r.bestMove.from])
             << fen << " " << moveToLA(&r.bestMove, pos->sideToMove);
     }
-}
-
-// Two threads, each with its own position and tables, sharing the transposition table
-// (run under ThreadSanitizer by "make sanitize").
-TEST(SearchThreads, TwoSearchersShareTheTable) {
-    initTables();
-    if (!hashTable)
-        resizeHashTable(hashBucketsForMB(16), 1);
-    clearHashTableMT(1);
-    theWorkForce.stopSearch = false;
-    engine.infinite = true;
-    testPosition p1, p2;  // the global tables are filled before any searcher exists
-    auto tables1 = std::make_unique<searchTablesStruct>(),
-         tables2 = std::make_unique<searchTablesStruct>();
-    auto worker = [](positionStruct* pos, searchTablesStruct* tables, short* score) {
-        tables->clearAll();
-        tables->bind(pos);
-        setInCheck(0, pos);
-        pos->nodeCheckCountdown = engine.nodeCheckInterval;
-        for (int d = 1; d <= 7; d++) {
-            pos->searchDepth = u64(d);
-            *score = alfabeta(0, d, -INF_SCORE, INF_SCORE, pos);
-        }
-    };
-    short a = 0, b = 0;
-    std::thread t1(worker, p1.get(), tables1.get(), &a), t2(worker, p2.get(), tables2.get(), &b);
-    t1.join();
-    t2.join();
-    engine.infinite = false;
-    EXPECT_LT(std::abs(a), 300);
-    EXPECT_LT(std::abs(b), 300);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Tablebase probing against the recorded oracle, self-consistency over random positions,
-// the root adapter, registration, broken files and concurrent first use.
+// the root adapter, registration and broken files, and concurrent first use.
 #include <filesystem>
 #include <thread>
 
@@ -204,31 +204,22 @@ TEST_F(Tablebase, RootAdapterRejectsWhatTheTablesCannotAnswer) {
     EXPECT_TRUE(rootMove(tp.get()).empty());
     tp.set("8/8/8/4k3/8/8/8/4K2R w K - 0 1");  // a castling right
     EXPECT_TRUE(rootMove(tp.get()).empty());
-    // Broken records: a pawn on the back rank, overlapping piece sets.
-    for (int piece : {WPAWN, WKNIGHT}) {
-        tp.set("8/8/8/4k3/8/8/8/4K2R w - - 0 1");
-        tp->bitboards[piece] |= bb(7);
-        tb_pos p;
-        EXPECT_FALSE(tb_pos_from_position(tp.get(), &p));
-        EXPECT_TRUE(rootMove(tp.get()).empty());
-    }
+    tp.set("8/8/8/4k3/8/8/8/4K2R w - - 0 1");
+    tp->bitboards[WPAWN] |= bb(7);  // a broken record: a pawn on the back rank
+    EXPECT_TRUE(rootMove(tp.get()).empty());
 }
 
-// The count line, empty values, release and reload; the first folder holding a file wins,
-// and a broken copy there fails the probe with one message.
+// The count line, empty values; the first folder holding a file wins, and a broken copy
+// there fails the probe with one message.
 TEST_F(Tablebase, Registration) {
     const std::string rook = "8/8/8/4k3/8/8/8/4K2R w - - 0 1";
     int ok;
     EXPECT_EQ(initOutput(dataPath("syzygy")), "Found 35 tablebases.\n");
     EXPECT_EQ(TB_LARGEST, 4);
-    for (const char* none : {"<empty>", ""}) {
-        EXPECT_EQ(initOutput(none), "");
-        EXPECT_EQ(TB_LARGEST + TBnum_piece + TBnum_pawn, 0);
-        probeFen(rook, &ok);
-        EXPECT_EQ(ok, 0);
-    }
-    EXPECT_EQ(initOutput(dataPath("syzygy")), "Found 35 tablebases.\n");
-    EXPECT_EQ(probeFen("8/8/8/4k3/8/8/8/4K2R b - - 0 1", &ok), -2);
+    EXPECT_EQ(initOutput("<empty>"), "");
+    EXPECT_EQ(TB_LARGEST + TBnum_piece + TBnum_pawn, 0);
+    probeFen(rook, &ok);
+    EXPECT_EQ(ok, 0);
     EXPECT_EQ(initOutput("/nonexistent/folder"), "Found 0 tablebases.\n");
 
     tempDir a, b;
@@ -245,45 +236,6 @@ TEST_F(Tablebase, Registration) {
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
         EXPECT_EQ(ok, 0);
     }
-}
-
-// Random damage to every part of a few files (run under the address sanitizer).
-TEST_F(Tablebase, DamagedCopiesNeverCrash) {
-    std::mt19937 rng(5);
-    const std::vector<std::string> tables = {"KRvKN", "KBBvK", "KRPvK", "KPvKP"};
-    tempDir dir;
-    int answered = 0;
-    for (int round = 0; round < 12; round++) {
-        for (const std::string& t : tables)
-            for (const char* ext : {".rtbw", ".rtbz"}) {
-                fs::path file = dir.path / (t + ext);
-                dir.copy(t + ext);
-                auto size = fs::file_size(file);
-                std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
-                for (int k = 0; k < 6; k++) {  // most flips land in the headers
-                    auto at = (rng() & 1) ? rng() % std::min<uintmax_t>(size, 160) : rng() % size;
-                    f.seekp(std::streamoff(std::max<uintmax_t>(at, 4)));
-                    f.put(char(rng()));
-                }
-                f.close();
-                if (round % 4 == 3)
-                    fs::resize_file(file, size - rng() % (size / 2));
-            }
-        initOutput(dir.path.string());
-        testing::internal::CaptureStderr();
-        for (const std::string& t : tables)
-            for (int k = 0; k < 40; k++) {
-                tb_pos p = probePos(randomFen(t, rng));
-                int ok, w = probe_wdl(p, &ok);
-                EXPECT_TRUE(!ok || (w >= -2 && w <= 2));
-                answered += ok;
-                if (k < 5)
-                    probe_dtz(p, &ok);
-            }
-        testing::internal::GetCapturedStderr();
-    }
-    EXPECT_GT(answered, 100)
-        << "damage inside the data blocks leaves tables loadable: the decoder must run";
 }
 
 // Threads probe at once from a cold start: every table loads once, every thread reads the
