@@ -95,7 +95,7 @@ while IFS=$'\t' read -r name file original faulty; do
         exit 2
     fi
     log="$build/mutant-$name.log"
-    ctest --test-dir "$build" -j"$jobs" --stop-on-failure --timeout 300 > "$log" 2>&1
+    ctest --test-dir "$build" -j"$jobs" --stop-on-failure --output-on-failure --timeout 300 > "$log" 2>&1
     rc=$?
     restore
     caught=$(sed -n 's/^ *[0-9]*\/[0-9]* Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$log" | head -3 | paste -sd, -)
