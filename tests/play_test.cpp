@@ -1,6 +1,6 @@
 // The engine playing through its protocol, driven through the real binary the way a GUI
-// drives it: "go" with every kind of limit, "stop", "ponderhit", "quit" during a search,
-// the bench signature, threads and clock games.
+// drives it: "go" with depth and clock limits, "stop", "ponderhit", "quit" during a search,
+// the bench signature, threads, clock games and the tablebase path.
 #include "engine_process.h"
 #include "test_util.h"
 
@@ -122,7 +122,7 @@ TEST(EngineSearch, StopQuitAndEndOfInputDuringASearch) {
     }
 }
 
-TEST(EngineSearch, PonderAndMovetime) {
+TEST(EngineSearch, PonderHoldsTheAnswerUntilPonderhit) {
     engineProcess e;
     prepare(e);
     e.ask("setoption name Ponder value true");
@@ -138,12 +138,6 @@ TEST(EngineSearch, PonderAndMovetime) {
     e.send("ponderhit");
     expectLegalOutput("rnbqkbnr/pppppppp/8/8/3P4/8/PPP1PPPP/RNBQKBNR b KQkq - 0 1",
                       readSearch(e, 2000 * ENGINE_TIME_SCALE));
-    e.send("position startpos");
-    auto t0 = clockType::now();
-    e.send("go movetime 200");
-    expectLegalOutput(fenStartPos, readSearch(e));
-    EXPECT_GE(msSince(t0), 150);
-    EXPECT_LT(msSince(t0), 200 + 400 * ENGINE_TIME_SCALE);
     EXPECT_EQ(e.finish(), 0);
 }
 
@@ -227,6 +221,34 @@ TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
         EXPECT_EQ(bestmoves, cycles) << threads << " threads";
         EXPECT_TRUE(e.send("isready") && e.readUntil("readyok"));
     }
+    EXPECT_EQ(e.finish(), 0);
+}
+
+// SyzygyPath set during a search is confirmed at once and loaded when the next "go" begins;
+// a won position of the tables is then answered at once, in one info line.
+TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
+    REQUIRE_DATA("syzygy/KQvK.rtbw");
+    engineProcess e;
+    prepare(e);
+    e.send("go infinite");
+    auto reply = e.ask("setoption name SyzygyPath value " + dataPath("syzygy"));
+    ASSERT_TRUE(reply);
+    std::erase_if(*reply, [](auto& l) { return l.rfind("info string", 0) != 0; });  // search lines
+    EXPECT_EQ(*reply,
+              std::vector<std::string>{"info string Syzygy tablebases used from directory : "
+                                       + dataPath("syzygy")});
+    e.send("stop");
+    EXPECT_TRUE(readSearch(e).ended);
+    const std::string fen = "8/8/8/4k3/8/8/3QK3/8 w - - 0 1";
+    e.send("position fen " + fen);
+    auto t0 = clockType::now();
+    e.send("go wtime 60000 btime 60000");
+    EXPECT_EQ(e.readLine(), "Found 35 tablebases.");
+    auto out = readSearch(e);
+    EXPECT_LT(msSince(t0), 1000 * ENGINE_TIME_SCALE);
+    expectLegalOutput(fen, out);
+    ASSERT_EQ(out.info.size(), 1u);
+    EXPECT_EQ(after(out.info[0], "pv"), std::vector<std::string>{out.best}) << out.info[0];
     EXPECT_EQ(e.finish(), 0);
 }
 

@@ -1,5 +1,8 @@
 // Tablebase probing against the recorded oracle, self-consistency over random positions,
 // the root adapter, registration and broken files, and concurrent first use.
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <thread>
 
@@ -169,7 +172,8 @@ TEST_F(Tablebase, RandomPositionsAgreeWithTheirMoves) {
 
 // The root adapter keeps a win without letting the fifty-move counter run out: it mates
 // from won positions of several tables, playing both sides, reporting each move in one line.
-TEST_F(Tablebase, RootAdapterPlaysWinsOutAndKeepsDraws) {
+// A lost root resists longest.
+TEST_F(Tablebase, RootAdapterWinsAndResists) {
     std::mt19937 rng(123);
     testPosition tp;
     for (const char* table :
@@ -197,20 +201,34 @@ TEST_F(Tablebase, RootAdapterPlaysWinsOutAndKeepsDraws) {
         EXPECT_TRUE(tb_in_check(p) && p.side != winner && tb_legal_moves(p, moves) == 0)
             << start << " ended at " << fenOf(tp.get());
     }
+    // A lost root resists longest: no other move that keeps the counter running leaves the
+    // winner further from zeroing (the quickest loss would also throw away losses that the
+    // fifty-move rule draws).
+    int losses = 0;
+    for (const std::string& name : registeredNames())
+        for (int k = 0; k < 12; k++) {
+            const std::string fen = randomFen(name, rng);
+            tb_pos p = probePos(fen), child, other;
+            tb_move moves[TB_MAX_MOVES];
+            int ok, n = tb_legal_moves(p, moves);
+            if (probe_wdl(p, &ok) >= 0 || n == 0)
+                continue;
+            tp.set(fen);
+            playAtRoot(tp.get(), rootMove(tp.get()));
+            ASSERT_TRUE(tb_pos_from_position(tp.get(), &child));
+            const int cd = probe_dtz(child, &ok);
+            EXPECT_GT(probe_wdl(child, &ok), 0) << fen;
+            for (int i = 0; i < n && child.rule50 != 0; i++)
+                if (tb_do_move(p, moves[i], &other) && other.rule50 != 0) {
+                    EXPECT_GE(cd, probe_dtz(other, &ok)) << fen;
+                }
+            losses++;
+        }
+    EXPECT_GT(losses, 20);
 }
 
-TEST_F(Tablebase, RootAdapterRejectsWhatTheTablesCannotAnswer) {
-    testPosition tp("8/8/8/3k4/8/8/1QR5/4K2R w - - 0 1");  // five pieces
-    EXPECT_TRUE(rootMove(tp.get()).empty());
-    tp.set("8/8/8/4k3/8/8/8/4K2R w K - 0 1");  // a castling right
-    EXPECT_TRUE(rootMove(tp.get()).empty());
-    tp.set("8/8/8/4k3/8/8/8/4K2R w - - 0 1");
-    tp->bitboards[WPAWN] |= bb(7);  // a broken record: a pawn on the back rank
-    EXPECT_TRUE(rootMove(tp.get()).empty());
-}
-
-// The count line, empty values; the first folder holding a file wins, and a broken copy
-// there fails the probe with one message.
+// The count line, empty values; the first folder holding a file wins, a broken copy there
+// fails the probe with one message, and so does a file that cannot be mapped.
 TEST_F(Tablebase, Registration) {
     const std::string rook = "8/8/8/4k3/8/8/8/4K2R w - - 0 1";
     int ok;
@@ -236,6 +254,23 @@ TEST_F(Tablebase, Registration) {
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
         EXPECT_EQ(ok, 0);
     }
+    // A file too large for the address space left: the probe fails, the program goes on.
+    std::ofstream(a.path / "KBvK.rtbw").put('\x71');
+    fs::resize_file(a.path / "KBvK.rtbw", uintmax_t(8) << 30);  // sparse
+    initOutput(a.path.string());
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit old{}, low{};
+    ::getrlimit(RLIMIT_AS, &old);
+    low = old;
+    low.rlim_cur = rlim_t(pages) * rlim_t(::sysconf(_SC_PAGESIZE)) + (rlim_t(256) << 20);
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &low), 0);
+    testing::internal::CaptureStderr();
+    probeFen("8/8/8/4k3/8/8/8/4KB2 w - - 0 1", &ok);
+    ::setrlimit(RLIMIT_AS, &old);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Could not mmap() " + (a.path / "KBvK.rtbw").string() + ".\n");
+    EXPECT_EQ(ok, 0);
 }
 
 // Threads probe at once from a cold start: every table loads once, every thread reads the

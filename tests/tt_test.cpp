@@ -62,12 +62,6 @@ TEST_F(TranspositionTable, StoreProbeAndAge) {
         EXPECT_EQ(hashAge(probeHash(key)), 40);
         EXPECT_EQ(probeHash(key ^ (1ULL << 63)), 0u) << "the whole key is compared";
     }
-    hashHartBeat = 1000;
-    clearHashTableMT(2);
-    for (int search = 0; search < 130; search++) {
-        advanceHashAge();
-        EXPECT_EQ(hashAgeCounter, search % 64);
-    }
 }
 
 TEST(TranspositionTableScores, MateScoresAreNodeRelative) {

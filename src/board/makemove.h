@@ -184,29 +184,25 @@ inline void takeBack(positionStruct* pos, int ply, moveStruct m) {
 }
 
 // Passes the move: the child record starts as a copy of this one (so its move list
-// begins where ours does), without an en-passant square. The key enters the history
-// and the fifty-move counter restarts, so no repetition is ever matched across a null move.
+// begins where ours does), without an en-passant square. Only the side and the key
+// change: the key history and the fifty-move counter stay as they are, so the child's
+// entry of the history is missing and no repetition is matched across a null move (the
+// positions on either side of it differ in the side to move).
 inline void makeNullMove(positionStruct* pos, int ply) {
     plyStruct& cur = pos->plyStack[ply];
     plyStruct& nxt = pos->plyStack[ply + 1];
     nxt = cur;
     nxt.savedHashKey = pos->hashKey;
-    nxt.savedHalfMoveClock = pos->halfMoveClock;
     nxt.enPassantSquare = 0;
     nxt.inCheck = 0;
     u64 key = pos->hashKey ^ hashCodeBlackToMove;
     if (cur.enPassantSquare)
         key ^= hashCodeEnpassant[fileOf(cur.enPassantSquare)];
     pos->hashKey = key;
-    pos->keyHistory[pos->gamePly++] = key;
-    pos->halfMoveClock = 0;
     pos->sideToMove ^= 1;
 }
 
 inline void takeBackNullMove(positionStruct* pos, int ply) {
-    const plyStruct& nxt = pos->plyStack[ply + 1];
     pos->sideToMove ^= 1;
-    pos->hashKey = nxt.savedHashKey;
-    pos->gamePly--;
-    pos->halfMoveClock = i16(nxt.savedHalfMoveClock);
+    pos->hashKey = pos->plyStack[ply + 1].savedHashKey;
 }

@@ -9,12 +9,15 @@
 // cut-offs, and finally the table store. The root (ply 0) runs through the same code.
 //
 // Choices of ours where the design leaves room:
-//  - Late-move pruning and exchange pruning apply to the quiet stage only, never to a
-//    move that gives check, and only once a move has been searched without being mated
-//    (pruning everything would fake a stalemate). Late-move pruning counts the quiet
-//    moves seen, not all moves: captures and killers searched first must not use up the
-//    quiet moves' allowance. Quiet moves whose exchange loses more than QUIET_SEE_MARGIN
-//    per ply of depth are skipped.
+//  - Late-move pruning and exchange pruning look at the moves of the quiet stage
+//    (STAGE_QUIETS, 7) only, never at a move that gives check, and only once a move has
+//    been searched without being mated (pruning everything would fake a stalemate). A
+//    quiet move is late once LMP[improving][depth] quiet moves have been searched at this
+//    node: the hash move, captures, killers and the counter move searched first do not
+//    use up the quiet moves' allowance, and quiet moves skipped by the exchange test do
+//    not count. Counting the other stages instead could never grow while the quiet moves
+//    are handed out, so nothing would be late. Quiet moves whose exchange loses more than
+//    QUIET_SEE_MARGIN per ply of depth are skipped.
 //  - Late-move reductions: quiet non-promotions after the first move, not when the node
 //    is in check or the move gives check; the move number counts every move handed out.
 //  - The continuation-history extension is allowed while ply < 2 * searchDepth, which
@@ -254,7 +257,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     const int alphaStart = alpha;
     int bestScore = -MATE;
     moveStruct bestMove = EMPTYMOVE;
-    int searched = 0, moveNumber = 0, quietsSeen = 0;
+    int searched = 0, moveNumber = 0, quietsSearched = 0;
     moveStruct quietsTried[MAX_QUIETS_TRIED];
     int quietCount = 0;
     const int row1 = ply >= 1 ? contRow(pos->plyStack[ply - 1].currentMove) : -1;
@@ -272,9 +275,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
         // Quiet moves late in the list or losing material by exchange are not searched,
         // unless they give check.
-        quietsSeen += stage == STAGE_QUIETS;
         if (ply > 0 && stage == STAGE_QUIETS && bestScore > -MATE_BAND) {
-            const bool late = depth <= LMP_MAX_DEPTH && quietsSeen > LMP[improving][depth];
+            const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
             const bool losing = !late && depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
                              && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth);
             if ((late || losing) && !givesCheck(pos, m))
@@ -322,6 +324,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             return 0;
         }
         searched++;
+        quietsSearched += stage == STAGE_QUIETS;
 
         if (score > bestScore) {
             bestScore = score;

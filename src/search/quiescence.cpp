@@ -72,7 +72,7 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
     moveStruct* const end = ps.moveListEnd;
 
     // Steps 9-13. Best-first by the ordering byte; near the horizon captures that lose
-    // material by exchange are dropped. An empty list returns the stand pat (or mated).
+    // material by the exchange with every x-ray are dropped. An empty list returns the stand pat (or mated).
     const bool exchangeFilter = !inCheck && depth >= QS_SEE_MIN_DEPTH && depth <= 0;
     plyStruct& child = pos->plyStack[ply + 1];
     int searched = 0;
@@ -80,7 +80,7 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
         selectBest(cur, end);
         const moveStruct m = *cur;
         if (exchangeFilter && m.type != MT_ENPASSANT && m.type < MT_CASTLE_K
-            && seeValue[pos->board[m.to]] < seeValue[pos->board[m.from]] && !seeAtLeast(pos, m, 0))
+            && seeValue[pos->board[m.to]] < seeValue[pos->board[m.from]] && !seeAtLeastFull(pos, m, 0))
             continue;
         // Captures are pseudo-legal; evasions are legal except for a pinned en passant.
         if ((!inCheck || m.type == MT_ENPASSANT) && !isLegal(pos, ply, m))

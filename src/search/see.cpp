@@ -17,9 +17,11 @@ bitboard attackersTo(const positionStruct* pos, int sq, bitboard occ) {
          & occ;
 }
 
-}  // namespace
-
-bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold) {
+// The exchange of seeAtLeast. With bothSides, every slider that a capture uncovers
+// behind the piece that took joins, of either colour; without, only the capturing side's
+// bishops and queens behind a pawn, bishop or queen, and rooks and queens behind a rook.
+template <bool bothSides>
+bool exchangeAtLeast(const positionStruct* pos, moveStruct m, int threshold) {
     const bitboard* bbs = pos->bitboards;
     const int mover = pos->board[m.from];
     int sq = m.to, captured = pos->board[m.to];
@@ -51,10 +53,16 @@ bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold) {
             code += 2;
         occ ^= bb(lsb(ours & bbs[code]));
         const int type = code >> 1;
-        if (type == PAWN || type == BISHOP || type == QUEEN)
+        if constexpr (bothSides) {
+            if (type == PAWN || type == BISHOP || type == QUEEN)
+                attackers |= bishopAttacks(sq, occ) & (bbs[WBISHOP] | bbs[BBISHOP] | bbs[WQUEEN] | bbs[BQUEEN]);
+            if (type == ROOK || type == QUEEN)
+                attackers |= rookAttacks(sq, occ) & (bbs[WROOK] | bbs[BROOK] | bbs[WQUEEN] | bbs[BQUEEN]);
+        } else if (type == PAWN || type == BISHOP || type == QUEEN) {
             attackers |= bishopAttacks(sq, occ) & (bbs[WBISHOP + side] | bbs[WQUEEN + side]);
-        else if (type == ROOK)
+        } else if (type == ROOK) {
             attackers |= rookAttacks(sq, occ) & (bbs[WROOK + side] | bbs[WQUEEN + side]);
+        }
         attackers &= occ;
 
         if (type == KING) {
@@ -70,6 +78,16 @@ bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold) {
         side ^= 1;
     }
     return good;
+}
+
+}  // namespace
+
+bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold) {
+    return exchangeAtLeast<false>(pos, m, threshold);
+}
+
+bool seeAtLeastFull(const positionStruct* pos, moveStruct m, int threshold) {
+    return exchangeAtLeast<true>(pos, m, threshold);
 }
 
 bool seeGoodCapture(const positionStruct* pos, moveStruct m) {

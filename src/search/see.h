@@ -10,6 +10,10 @@
 // it uncovers behind its own piece: deliberately, x-rays of the other side stay hidden.
 bool seeAtLeast(const positionStruct* pos, moveStruct m, int threshold);
 
+// The same test with every x-ray: sliders of both colours uncovered behind each piece
+// that takes join the exchange. The quiescence search's filter.
+bool seeAtLeastFull(const positionStruct* pos, moveStruct m, int threshold);
+
 // The test of the capture stage: en passant and captures of a piece worth at least the
 // capturer pass at once, the others by the exchange.
 bool seeGoodCapture(const positionStruct* pos, moveStruct m);

@@ -6,8 +6,6 @@
 #include <ostream>
 #include <sstream>
 
-#include "board/bitboards.h"
-#include "board/zobrist.h"
 #include "eval/evaluate.h"
 
 std::vector<texelPosStruct> texelPositions;
@@ -136,11 +134,6 @@ double texelWorkForce::calcTexelError() {
 }
 
 texelResultStruct runTexel(const std::string& path, std::ostream& out) {
-    initBitboardConstants();
-    // The key tables are read-only once filled; refilling them could race with a search.
-    if (!hashCodeBlackToMove)
-        initHashCodeTables();
-
     std::vector<texelPosStruct> loaded;
     int skipped = 0;
     if (!loadPositions(path, loaded, skipped)) {

@@ -77,5 +77,6 @@ struct texelResultStruct {
 };
 
 // The command: loads `path`, hands the positions to TEXEL_WORKERS workers (the remainder
-// of the split to the last one), measures the error twice and reports on out.
+// of the split to the last one), measures the error twice and reports on out. The board
+// and key tables must be filled.
 texelResultStruct runTexel(const std::string& path, std::ostream& out);

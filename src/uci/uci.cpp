@@ -42,6 +42,7 @@ int pendingHashMB = 0;
 bool pendingHistoryClear = false;
 bool pendingTableClear = false;
 int pendingProbeDepth = -1;
+bool pendingSyzygyReload = false;   // engine.syzygyPath is loaded at the next "go"
 
 const char* const ENGINE_NAME = "Quorvane 2.3";
 const char* const ENGINE_SUFFIX = " NOP";
@@ -122,6 +123,10 @@ void applyPendingSettings() {
     if (pendingHistoryClear) {
         theWorkForce.clearHistories();
         pendingHistoryClear = false;
+    }
+    if (pendingSyzygyReload) {
+        init_tablebases(engine.syzygyPath);
+        pendingSyzygyReload = false;
     }
     if (pendingProbeDepth >= 0) {
         engine.syzygyProbeDepth = pendingProbeDepth;
@@ -295,9 +300,12 @@ void cmdSetOption(tokens& in) {
         engine.ponderOption = value == "true";
         printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));
     } else if (name == "SyzygyPath") {
-        stopAndWait();  // the tables are released under a running search otherwise
+        // Reloading releases the tables a running search probes: it waits for the search
+        // to end, and the confirmation comes at once.
         engine.syzygyPath = value;
-        init_tablebases(value);
+        pendingSyzygyReload = theWorkForce.searching();
+        if (!pendingSyzygyReload)
+            init_tablebases(value);
         printLine("info string Syzygy tablebases used from directory : " + value);
     } else if (name == "SyzygyProbeDepth") {
         if (numeric(0, 127, v)) {
@@ -363,6 +371,12 @@ void cmdRtest(tokens& in) {
 void cmdTexel(tokens& in) {
     std::string path = "lichess-good.epd";
     in >> path;
+    // Every run starts from fresh tables and an empty transposition table of the Hash
+    // size; rebuilding them under a running search would race with it, so it ends first.
+    stopAndWait();
+    initBitboardConstants();
+    initHashCodeTables();
+    setHashSizeNow(engine.hashSizeMB);
     consoleBuf buf;
     std::ostream stream(&buf);
     runTexel(path, stream);
