@@ -1,8 +1,6 @@
-// The real engine binary run as a child process, the way a chess GUI runs it: pipes on its
-// standard input and output, command lines written one at a time, replies read line by
-// line with a time limit. Standard error is inherited unless a file is named, so sanitizer
-// reports of the child land in the test log; a child stopped by a sanitizer shows up as a
-// non-zero exit status in finish().
+// The real engine binary as a child process, run the way a chess GUI runs it: command lines
+// written one at a time, replies read line by line with a time limit. Sanitizer reports of
+// the child go to the inherited standard error and show as a non-zero status in finish().
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +11,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -32,8 +29,7 @@ constexpr int ENGINE_TIME_SCALE = 1;
 
 struct engineOptionsStruct {
     std::vector<std::string> args;  // command-line arguments (command-line mode)
-    // Extra "NAME=value" environment entries. The hash ceiling keeps the largest "Hash"
-    // values from really claiming half the machine's memory.
+    // Extra environment entries; the ceiling keeps large "Hash" values from taking the machine.
     std::vector<std::string> env = {"QUORVANE_HASH_LIMIT_MB=256"};
     std::string workDir;     // working directory of the child; empty: the test's own
     std::string stderrPath;  // file receiving the child's standard error; empty: inherited
@@ -42,6 +38,7 @@ struct engineOptionsStruct {
 class engineProcess {
 public:
     static constexpr int DEFAULT_TIMEOUT_MS = 10000 * ENGINE_TIME_SCALE;
+    using clock = std::chrono::steady_clock;
 
     explicit engineProcess(const engineOptionsStruct& opts = {}) { start(opts); }
     engineProcess(const engineProcess&) = delete;
@@ -63,39 +60,24 @@ public:
         size_t done = 0;
         while (toChild_ >= 0 && done < bytes.size()) {
             ssize_t n = ::write(toChild_, bytes.data() + done, bytes.size() - done);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
+            if (n <= 0 && errno != EINTR)
                 return false;
-            done += size_t(n);
+            done += n > 0 ? size_t(n) : 0;
         }
         return done == bytes.size();
     }
 
-    // Closes the child's standard input: end of input, which the engine treats as "quit".
-    void closeInput() { closeFd(toChild_); }
-
     // The next output line without its newline; nullopt on timeout or end of output.
     std::optional<std::string> readLine(int timeoutMs = DEFAULT_TIMEOUT_MS) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        const auto deadline = clock::now() + std::chrono::milliseconds(timeoutMs);
         for (;;) {
             size_t nl = pending_.find('\n');
-            if (nl != std::string::npos) {
+            if (nl != std::string::npos || (eof_ && !pending_.empty())) {
                 std::string line = pending_.substr(0, nl);
-                pending_.erase(0, nl + 1);
+                pending_.erase(0, nl == std::string::npos ? nl : nl + 1);
                 return line;
             }
-            if (eof_) {
-                if (pending_.empty())
-                    return std::nullopt;
-                std::string line;
-                line.swap(pending_);
-                return line;
-            }
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-            if (left <= 0 || !fill(int(left)))
+            if (eof_ || !fill(deadline))
                 return std::nullopt;
         }
     }
@@ -103,23 +85,18 @@ public:
     // Lines up to and including the first one equal to `last`; nullopt when it never came.
     std::optional<std::vector<std::string>> readUntil(const std::string& last,
                                                       int timeoutMs = DEFAULT_TIMEOUT_MS) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        const auto deadline = clock::now() + std::chrono::milliseconds(timeoutMs);
         std::vector<std::string> lines;
-        for (;;) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-            auto line = readLine(int(std::max<long long>(left, 0)));
-            if (!line)
-                return std::nullopt;
+        while (auto line = readLine(int(std::max<long long>(msLeft(deadline), 0)))) {
             lines.push_back(*line);
             if (*line == last)
                 return lines;
         }
+        return std::nullopt;
     }
 
-    // Sends `line` followed by "isready" and returns what came before the "readyok". For
-    // commands that print "readyok" themselves ("ucinewgame") read with readUntil instead.
+    // Sends `line` and "isready"; returns what came before the "readyok". For commands that
+    // print "readyok" themselves ("ucinewgame") read with readUntil instead.
     std::optional<std::vector<std::string>> ask(const std::string& line,
                                                 int timeoutMs = DEFAULT_TIMEOUT_MS) {
         if (!send(line) || !send("isready"))
@@ -130,38 +107,24 @@ public:
         return lines;
     }
 
-    // Closes the input, reads the remaining output (kept in rest()) and waits for the
-    // exit. Returns the exit status, 128 + signal for a child killed by a signal, or -1
-    // when it did not end in time (it is then killed).
+    // Closes the input (end of input: "quit"), keeps the remaining output in rest() and
+    // waits for the exit. Returns the exit status, 128 + signal for a child killed by a
+    // signal, or -1 when it did not end in time (it is then killed).
     int finish(int timeoutMs = DEFAULT_TIMEOUT_MS) {
-        closeInput();
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (!eof_) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - std::chrono::steady_clock::now())
-                            .count();
-            if (left <= 0 || !fill(int(left)))
-                break;
+        closeFd(toChild_);
+        const auto deadline = clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!eof_ && fill(deadline)) {
         }
         rest_ += pending_;
         pending_.clear();
-        while (pid_ > 0) {
-            int status = 0;
-            pid_t r = ::waitpid(pid_, &status, WNOHANG);
-            if (r == pid_) {
+        for (int status = 0; pid_ > 0 && clock::now() < deadline;) {
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
                 pid_ = -1;
                 return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             }
-            if (r < 0 || std::chrono::steady_clock::now() > deadline)
-                break;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-        return -1;
+        return -1;  // the destructor kills it
     }
 
     // Output read by finish() after the last line taken with readLine().
@@ -180,45 +143,37 @@ private:
             ::close(fd);
         fd = -1;
     }
+    static long long msLeft(clock::time_point deadline) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now())
+            .count();
+    }
 
     void start(const engineOptionsStruct& opts) {
-        // A child that died must not kill the test with SIGPIPE on the next write.
-        ::signal(SIGPIPE, SIG_IGN);
+        ::signal(SIGPIPE, SIG_IGN);  // a dead child must not kill the test on the next write
         int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0)
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
             return;
-        if (::pipe2(out, O_CLOEXEC) != 0) {
-            ::close(in[0]);
-            ::close(in[1]);
-            return;
-        }
-        // Everything the child needs is built before fork: after it only async-signal-safe
-        // calls are allowed.
-        std::vector<std::string> argStore = {QUORVANE_BINARY};
+        // Built before fork: after it only async-signal-safe calls are allowed.
+        std::vector<std::string> argStore = {QUORVANE_BINARY}, envStore = opts.env;
         argStore.insert(argStore.end(), opts.args.begin(), opts.args.end());
-        std::vector<char*> argv;
+        std::vector<char*> argv, envp;
         for (auto& a : argStore)
             argv.push_back(a.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> envStore = opts.env;
-        std::vector<char*> envp;
         for (auto& e : envStore)
             envp.push_back(e.data());
         for (char** e = environ; *e; e++)
             envp.push_back(*e);
+        argv.push_back(nullptr);
         envp.push_back(nullptr);
         const char* dir = opts.workDir.empty() ? nullptr : opts.workDir.c_str();
         const char* errPath = opts.stderrPath.empty() ? nullptr : opts.stderrPath.c_str();
-
         pid_ = ::fork();
         if (pid_ == 0) {
             ::dup2(in[0], 0);
             ::dup2(out[1], 1);
-            if (errPath) {
-                int fd = ::open(errPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-                if (fd >= 0)
-                    ::dup2(fd, 2);
-            }
+            int fd = errPath ? ::open(errPath, O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+            if (fd >= 0)
+                ::dup2(fd, 2);
             if (dir && ::chdir(dir) != 0)
                 ::_exit(126);
             ::execve(argv[0], argv.data(), envp.data());
@@ -228,43 +183,29 @@ private:
         ::close(out[1]);
         toChild_ = in[1];
         fromChild_ = out[0];
-        if (pid_ < 0) {
-            closeFd(toChild_);
-            closeFd(fromChild_);
-        }
     }
 
-    // Waits up to timeoutMs for output and appends it; false on timeout.
-    bool fill(int timeoutMs) {
-        if (fromChild_ < 0) {
-            eof_ = true;
-            return true;
-        }
+    // Waits until the deadline for output and appends it; false on timeout.
+    bool fill(clock::time_point deadline) {
         pollfd p{fromChild_, POLLIN, 0};
-        int r = ::poll(&p, 1, timeoutMs);
-        if (r < 0 && errno == EINTR)
-            return true;
+        int r = fromChild_ < 0 ? 1 : ::poll(&p, 1, int(std::max<long long>(msLeft(deadline), 0)));
         if (r <= 0)
-            return false;
+            return r < 0 && errno == EINTR;
         char buf[65536];
-        ssize_t n = ::read(fromChild_, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            return true;
-        if (n <= 0) {
+        ssize_t n = fromChild_ < 0 ? 0 : ::read(fromChild_, buf, sizeof buf);
+        if (n <= 0 && !(n < 0 && errno == EINTR)) {
             eof_ = true;
             closeFd(fromChild_);
-            return true;
         }
-        pending_.append(buf, size_t(n));
-        transcript_.append(buf, size_t(n));
+        pending_.append(buf, size_t(std::max<ssize_t>(n, 0)));
+        transcript_.append(buf, size_t(std::max<ssize_t>(n, 0)));
         return true;
     }
 };
 
 // Reads a whole text file (for standard error captured in a file).
 inline std::string readTextFile(const std::string& path) {
-    std::ifstream in(path);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path).rdbuf();
     return s.str();
 }

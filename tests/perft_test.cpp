@@ -1,89 +1,29 @@
 // Perft counts against the shared reference file: the check of move generation and
-// make/take-back together.
+// make/take-back together. Under the sanitizers (QUORVANE_PERFT_LIMIT set) only cases
+// up to that many nodes run; the section after the "full" marker never does here.
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "board/perft.h"
 #include "test_util.h"
 
-namespace {
-
-struct perftCase {
-    std::string fen;
-    int depth;
-    u64 expected;
-};
-
-// The normal section of the reference file (before the "full" marker). Under the
-// sanitizers (QUORVANE_PERFT_LIMIT set) only cases up to that many nodes are run.
-std::vector<perftCase> loadCases() {
-    std::vector<perftCase> cases;
-    std::ifstream in(dataPath("perft.txt"));
-    u64 limit = std::getenv("QUORVANE_PERFT_LIMIT") ? std::strtoull(std::getenv("QUORVANE_PERFT_LIMIT"), nullptr, 10)
-                                                    : ~0ULL;
-    for (std::string line; std::getline(in, line) && line != "full";) {
-        std::istringstream s(line);
-        perftCase c;
-        std::string depth, count;
-        std::getline(s, c.fen, ';');
-        std::getline(s, depth, ';');
-        std::getline(s, count, ';');
-        c.depth = std::stoi(depth);
-        c.expected = std::stoull(count);
-        if (c.expected <= limit)
-            cases.push_back(c);
-    }
-    return cases;
-}
-
 TEST(Perft, ReferenceFile) {
     REQUIRE_DATA("perft.txt");
-    auto cases = loadCases();
-    ASSERT_FALSE(cases.empty());
+    const char* limitText = std::getenv("QUORVANE_PERFT_LIMIT");
+    const u64 limit = limitText ? std::strtoull(limitText, nullptr, 10) : ~0ULL;
+    std::ifstream in(dataPath("perft.txt"));
     testPosition pos;
-    for (const auto& c : cases) {
-        pos.set(c.fen);
-        EXPECT_EQ(perft(0, c.depth, pos.get()), c.expected) << c.fen << " depth " << c.depth;
+    int run = 0;
+    for (std::string line; std::getline(in, line) && line != "full";) {
+        std::istringstream s(line);
+        std::string fen, depth, count;
+        std::getline(s, fen, ';');
+        std::getline(s, depth, ';');
+        std::getline(s, count, ';');
+        if (std::stoull(count) > limit)
+            continue;
+        pos.set(fen);
+        EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), std::stoull(count)) << line;
+        run++;
     }
+    EXPECT_GT(run, 10);
 }
-
-TEST(Perft, StartPosition) {
-    testPosition pos;
-    const u64 expected[] = {20, 400, 8902, 197281, 4865609};
-    for (int d = 1; d <= 5; d++)
-        EXPECT_EQ(perft(0, d, pos.get()), expected[d - 1]) << "depth " << d;
-}
-
-TEST(Perft, FileRunnerReportsEachLineAndSummary) {
-    std::string path = testing::TempDir() + "quorvane_perft.txt";
-    {
-        std::ofstream out(path);
-        out << fenStartPos << ";3;8902\n"
-            << fenStartPos << ";2;401\n"
-            << "garbage line without fields\n"
-            << fenStartPos << ";x;20\n"
-            << "full\n"
-            << fenStartPos << ";9;1\n";
-    }
-    initTables();
-    std::ostringstream report;
-    EXPECT_FALSE(runPerftFile(path, report));
-    std::string text = report.str();
-    EXPECT_NE(text.find("1; " + std::string(fenStartPos) + "; 3; 8902; 8902; "), std::string::npos) << text;
-    EXPECT_NE(text.find("0; " + std::string(fenStartPos) + "; 2; 401; 400; "), std::string::npos) << text;
-    EXPECT_NE(text.find("0; garbage line without fields"), std::string::npos) << text;
-    EXPECT_EQ(text.substr(text.size() - 37), "Results of the perft checks is OK: 0\n");
-
-    std::ofstream(path) << "full\n";
-    std::ostringstream empty;
-    EXPECT_TRUE(runPerftFile(path, empty));
-    EXPECT_EQ(empty.str(), "Results of the perft checks is OK: 1\n");
-
-    std::ostringstream missing;
-    EXPECT_FALSE(runPerftFile(path + ".missing", missing));
-    EXPECT_EQ(missing.str(),
-              "There seems to be a problem with the perftFile. check of the move generator not executed\n");
-}
-
-}  // namespace
