@@ -88,11 +88,12 @@ struct options {
     std::vector<std::string> data;
     std::string weights = "src/eval/weights.cpp";
     std::string out;
-    int epochs = 8;
+    int epochs = 10;
     int threads = 2;
     int batch = 8192;
     double lr = 1.0;
-    double l2 = 1e-7;  // pull of each value toward its starting value, per centipawn squared
+    double decay = 0.8;  // step size factor per epoch
+    double l2 = 0;  // pull of each value toward its starting value, per centipawn squared
     int minUses = 30;  // entries used by fewer training positions stay as they are
     int limit = 0;     // positions per file, 0 = all
     bool outpostSearch = true;
@@ -481,7 +482,8 @@ void tuner::train() {
     std::vector<size_t> order = train_;
     std::vector<std::vector<double>> grads(size_t(opt.threads), std::vector<double>(2 * ENTRIES));
     long step = 0;
-    for (int epoch = 1; epoch <= opt.epochs; epoch++) {
+    double lr = opt.lr;
+    for (int epoch = 1; epoch <= opt.epochs; epoch++, lr *= opt.decay) {
         std::shuffle(order.begin(), order.end(), rng);
         for (size_t b = 0; b < order.size(); b += size_t(opt.batch)) {
             const size_t n = std::min(order.size() - b, size_t(opt.batch));
@@ -519,7 +521,7 @@ void tuner::train() {
                 g = g / double(n) + 2 * opt.l2 * (param[i / 2][i % 2] - start[i / 2][i % 2]);
                 m[size_t(i)] = b1 * m[size_t(i)] + (1 - b1) * g;
                 v[size_t(i)] = b2 * v[size_t(i)] + (1 - b2) * g * g;
-                param[i / 2][i % 2] -= opt.lr * (m[size_t(i)] / c1) / (std::sqrt(v[size_t(i)] / c2) + eps);
+                param[i / 2][i % 2] -= lr * (m[size_t(i)] / c1) / (std::sqrt(v[size_t(i)] / c2) + eps);
             }
         }
         report(epoch, elapsed(), false);
@@ -579,11 +581,12 @@ bool tuner::write() const {
 void usage() {
     std::puts(
         "usage: quorvane_tune [options] FILE.epd...\n"
-        "  --epochs N       passes over the training positions (8)\n"
+        "  --epochs N       passes over the training positions (10)\n"
         "  --threads N      worker threads (2)\n"
         "  --batch N        positions per Adam step (8192)\n"
         "  --lr X           Adam step size in centipawns (1.0)\n"
-        "  --l2 X           pull toward the starting values (1e-7 per centipawn squared)\n"
+        "  --decay X        step size factor per epoch (0.8)\n"
+        "  --l2 X           pull toward the starting values, per centipawn squared (0)\n"
         "  --min-uses N     entries used by fewer training positions stay fixed (30)\n"
         "  --limit N        read at most N positions per file\n"
         "  --k X            logistic scale instead of fitting it\n"
@@ -615,6 +618,8 @@ int main(int argc, char** argv) {
             opt.batch = std::max(1, std::stoi(next()));
         else if (a == "--lr")
             opt.lr = std::stod(next());
+        else if (a == "--decay")
+            opt.decay = std::stod(next());
         else if (a == "--l2")
             opt.l2 = std::stod(next());
         else if (a == "--min-uses")

@@ -64,7 +64,7 @@ enum outpostRuleKind : int {
     OUTPOST_DEFENDED_CENTRE,    // defended and on files c-f
     OUTPOST_RULE_COUNT
 };
-constexpr int OUTPOST_RULE = OUTPOST_PAWN_DEFENDED;  // the rule in use
+constexpr int OUTPOST_RULE = OUTPOST_ADVANCED;  // the rule in use
 #ifdef QUORVANE_TUNING_BUILD
 extern int outpostRule;  // starts as OUTPOST_RULE; the tuner tries the others
 #else
