@@ -10,7 +10,7 @@
 // positions, which gives the reported errors and checks the model against it.
 //
 // Steps:
-//  1. Load the labelled files; every tenth block of 256 positions is validation data.
+//  1. Load the labelled files; every tenth block of up to 256 positions is validation data.
 //  2. Leave out the positions that are not quiet: those whose quiescence score differs
 //     from their static evaluation.
 //  3. Fit K on the untouched evaluation, then hold it.
@@ -97,6 +97,7 @@ struct options {
     int minUses = 30;  // entries used by fewer training positions stay as they are
     int limit = 0;     // positions per file, 0 = all
     bool outpostSearch = true;
+    bool keepLast = false;  // write the last epoch's values, not the best on validation
     double k = 0;  // 0 = fit it
     bool kPerFile = true;  // each file its own K: the players of its games set the scale
     bool balance = true;   // each file weighs the same in the loss
@@ -195,8 +196,11 @@ bool tuner::load() {
         }
         if (opt.limit && loaded.size() > size_t(opt.limit))
             loaded.resize(size_t(opt.limit));
+        // Blocks of neighbouring positions, mostly from one game, stay together.
+        const size_t block = std::clamp<size_t>(loaded.size() / 100, 1, 256);
         for (size_t i = 0; i < loaded.size(); i++)
-            samples.push_back({loaded[i].fen, float(loaded[i].result), u8(f), (i / 256) % 10 == 9});
+            samples.push_back(
+                {loaded[i].fen, float(loaded[i].result), u8(f), (i / block) % 10 == 9});
         std::printf("%s: %zu positions (%d lines skipped)\n", opt.data[f].c_str(), loaded.size(),
                     skipped);
     }
@@ -458,7 +462,7 @@ void tuner::report(int epoch, double seconds, bool final) {
         std::printf("epoch %3d  training %.6f  validation %.6f  (%.0f s)\n", epoch, tr, va, seconds);
     if (mismatches)
         std::printf("  the model differs from evaluateN on %zu positions\n", mismatches);
-    if (va < bestValid) {
+    if (opt.keepLast || valid_.empty() || va < bestValid) {
         bestValid = va;
         std::copy(&rounded[0][0], &rounded[0][0] + 2 * ENTRIES, &best[0][0]);
     }
@@ -527,7 +531,8 @@ void tuner::train() {
         report(epoch, elapsed(), false);
     }
     std::copy(&best[0][0], &best[0][0] + 2 * ENTRIES, &param[0][0]);
-    std::printf("best validation error %.6f\n", bestValid);
+    if (!opt.keepLast)
+        std::printf("best validation error %.6f\n", bestValid);
     report(opt.epochs, elapsed(), true);
 }
 
@@ -592,6 +597,7 @@ void usage() {
         "  --k X            logistic scale instead of fitting it\n"
         "  --one-k          fit one K for all files, not one per file\n"
         "  --unbalanced     weigh every position alike, not every file alike\n"
+        "  --last           write the last epoch's values, not the best on validation\n"
         "  --no-outpost     keep the outpost rule in use without measuring the others\n"
         "  --weights PATH   weights source to rewrite (src/eval/weights.cpp)\n"
         "  --out PATH       write there instead of over the weights source");
@@ -632,6 +638,8 @@ int main(int argc, char** argv) {
             opt.kPerFile = false;
         else if (a == "--unbalanced")
             opt.balance = false;
+        else if (a == "--last")
+            opt.keepLast = true;
         else if (a == "--no-outpost")
             opt.outpostSearch = false;
         else if (a == "--weights")
