@@ -67,8 +67,8 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     const std::string original = std::string(QUORVANE_SOURCE_DIR) + "/src/eval/weights.cpp";
     const std::string command = std::string(QUORVANE_TUNE_BINARY)
                                 + " --epochs 2 --last --min-uses 1 --batch 64 --lr 4 --threads 2"
-                                + " --weights " + original + " --out " + out + " " + data
-                                + " > " + log + " 2>&1";
+                                + " --weights " + original + " --out " + out + " " + data + " > "
+                                + log + " 2>&1";
     std::remove(out.c_str());
     ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
 

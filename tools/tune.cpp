@@ -71,14 +71,18 @@ bool isOpen(int e, int half) {
     if (e < PASSED_BASE) {
         const int piece = e / 64, i = e % 64;
         switch (piece) {
-        case 0: return i >= 8 && i < 56;             // pawns: never on the 1st or 8th rank
-        case 1: return i < 56 || half == 1;          // knight back rank: middlegame fixed
-        case 5: return i < 56;                       // king back rank fixed
-        default: return true;
+            case 0:
+                return i >= 8 && i < 56;  // pawns: never on the 1st or 8th rank
+            case 1:
+                return i < 56 || half == 1;  // knight back rank: middlegame fixed
+            case 5:
+                return i < 56;  // king back rank fixed
+            default:
+                return true;
         }
     }
     if (e < SHIELD_BASE)
-        return e - PASSED_BASE >= 24 && e - PASSED_BASE < 56;   // ranks 2..5
+        return e - PASSED_BASE >= 24 && e - PASSED_BASE < 56;  // ranks 2..5
     if (e < STORM_BASE)
         return half == 0 && e - SHIELD_BASE >= 16 && e - SHIELD_BASE < 40;  // ranks 4..6, mg
     return true;
@@ -93,14 +97,14 @@ struct options {
     int batch = 8192;
     double lr = 1.0;
     double decay = 0.8;  // step size factor per epoch
-    double l2 = 0;  // pull of each value toward its starting value, per centipawn squared
-    int minUses = 30;  // entries used by fewer training positions stay as they are
-    int limit = 0;     // positions per file, 0 = all
+    double l2 = 0;       // pull of each value toward its starting value, per centipawn squared
+    int minUses = 30;    // entries used by fewer training positions stay as they are
+    int limit = 0;       // positions per file, 0 = all
     bool outpostSearch = true;
     bool keepLast = false;  // write the last epoch's values, not the best on validation
-    double k = 0;  // 0 = fit it
-    bool kPerFile = true;  // each file its own K: the players of its games set the scale
-    bool balance = true;   // each file weighs the same in the loss
+    double k = 0;           // 0 = fit it
+    bool kPerFile = true;   // each file its own K: the players of its games set the scale
+    bool balance = true;    // each file weighs the same in the loss
 };
 
 struct sample {
@@ -227,9 +231,10 @@ void tuner::filterQuiet() {
         }
         (samples[i].validation ? valid_ : train_).push_back(i);
     }
-    std::printf("left out %zu positions that are not quiet; %zu for training, %zu for "
-                "validation\n",
-                noisy, train_.size(), valid_.size());
+    std::printf(
+        "left out %zu positions that are not quiet; %zu for training, %zu for "
+        "validation\n",
+        noisy, train_.size(), valid_.size());
 }
 
 std::vector<int> tuner::realEvals(bool all) {
@@ -401,9 +406,9 @@ void tuner::setTables(const double (*p)[2]) const {
 }
 
 struct modelOut {
-    double v;     // White's view
-    double dmg;   // dv / d(mg sum)
-    double deg;   // dv / d(eg sum)
+    double v;    // White's view
+    double dmg;  // dv / d(mg sum)
+    double deg;  // dv / d(eg sum)
 };
 
 // The evaluation of s with the values p, as evaluateN computes it. Integer values with
@@ -459,7 +464,8 @@ void tuner::report(int epoch, double seconds, bool final) {
     if (final)
         std::printf("kept     training %.6f  validation %.6f\n", tr, va);
     else
-        std::printf("epoch %3d  training %.6f  validation %.6f  (%.0f s)\n", epoch, tr, va, seconds);
+        std::printf("epoch %3d  training %.6f  validation %.6f  (%.0f s)\n", epoch, tr, va,
+                    seconds);
     if (mismatches)
         std::printf("  the model differs from evaluateN on %zu positions\n", mismatches);
     if (opt.keepLast || valid_.empty() || va < bestValid) {
@@ -525,7 +531,8 @@ void tuner::train() {
                 g = g / double(n) + 2 * opt.l2 * (param[i / 2][i % 2] - start[i / 2][i % 2]);
                 m[size_t(i)] = b1 * m[size_t(i)] + (1 - b1) * g;
                 v[size_t(i)] = b2 * v[size_t(i)] + (1 - b2) * g * g;
-                param[i / 2][i % 2] -= lr * (m[size_t(i)] / c1) / (std::sqrt(v[size_t(i)] / c2) + eps);
+                param[i / 2][i % 2] -=
+                    lr * (m[size_t(i)] / c1) / (std::sqrt(v[size_t(i)] / c2) + eps);
             }
         }
         report(epoch, elapsed(), false);

@@ -39,7 +39,12 @@ enum evalTerm : int {
 };
 
 // The tables a tuner fits, and one use of one of their entries by a traced evaluation.
-enum tunedTable : u8 { TUNED_PSQ, TUNED_PASSED, TUNED_SHIELD, TUNED_STORM };
+enum tunedTable : u8 {
+    TUNED_PSQ,
+    TUNED_PASSED,
+    TUNED_SHIELD,
+    TUNED_STORM
+};
 struct tunedUseStruct {
     u8 table;
     u8 colour;  // the side whose score the entry enters

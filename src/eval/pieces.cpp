@@ -98,19 +98,19 @@ int outpostSecond(const positionStruct* pos, int s) {
     const bool defended = attackByPawnTable[Us][s] & pos->bitboards[WPAWN + Us];
     const int rank = Us == WHITE ? rankOf(s) : 7 - rankOf(s);
     switch (outpostRule) {
-    case OUTPOST_NOT_TRADEABLE: {
-        const bitboard sameColour = (LIGHTSQUARES & bb(s)) ? LIGHTSQUARES : ~LIGHTSQUARES;
-        return defended && !pos->bitboards[WKNIGHT + Them]
-               && !(pos->bitboards[WBISHOP + Them] & sameColour);
-    }
-    case OUTPOST_ADVANCED:
-        return rank >= 4;
-    case OUTPOST_DEFENDED_ADVANCED:
-        return defended && rank >= 4;
-    case OUTPOST_DEFENDED_CENTRE:
-        return defended && (CENTREFILES & bb(s));
-    default:
-        return defended;
+        case OUTPOST_NOT_TRADEABLE: {
+            const bitboard sameColour = (LIGHTSQUARES & bb(s)) ? LIGHTSQUARES : ~LIGHTSQUARES;
+            return defended && !pos->bitboards[WKNIGHT + Them]
+                   && !(pos->bitboards[WBISHOP + Them] & sameColour);
+        }
+        case OUTPOST_ADVANCED:
+            return rank >= 4;
+        case OUTPOST_DEFENDED_ADVANCED:
+            return defended && rank >= 4;
+        case OUTPOST_DEFENDED_CENTRE:
+            return defended && (CENTREFILES & bb(s));
+        default:
+            return defended;
     }
 }
 
@@ -169,8 +169,7 @@ void pieceType(evalInfo& ei, const positionStruct* pos, i32& placement, i32& mob
             if ((outpostMask[Us] & bb(s))
                 && !(passedPawnsMask[Us][s] & ~fileBB(fileOf(s)) & enemyPawns)) {
                 const int second = outpostSecond<Us>(pos, s);
-                placement +=
-                    Pt == KNIGHT ? EVALOUTPOSTKNIGHT[second] : EVALOUTPOSTBISHOP[second];
+                placement += Pt == KNIGHT ? EVALOUTPOSTKNIGHT[second] : EVALOUTPOSTBISHOP[second];
             }
             placement += EVALMINORKINGDISTANCE * distance[s][ei.king[Us]];
         }

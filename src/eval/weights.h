@@ -57,9 +57,9 @@ extern const i32 EVALDISCOVERED[4];        // blocks an own slider aimed at the 
 // Which knight or bishop on an outpost square earns the second EVALOUTPOST* entry. The
 // tuner measures each rule against the game results; the engine uses the one they prefer.
 enum outpostRuleKind : int {
-    OUTPOST_PAWN_DEFENDED,   // an own pawn defends the square
-    OUTPOST_NOT_TRADEABLE,   // defended, and no enemy knight or same-coloured bishop
-    OUTPOST_ADVANCED,        // on the relative 5th or 6th rank
+    OUTPOST_PAWN_DEFENDED,      // an own pawn defends the square
+    OUTPOST_NOT_TRADEABLE,      // defended, and no enemy knight or same-coloured bishop
+    OUTPOST_ADVANCED,           // on the relative 5th or 6th rank
     OUTPOST_DEFENDED_ADVANCED,  // defended and on the relative 5th or 6th rank
     OUTPOST_DEFENDED_CENTRE,    // defended and on files c-f
     OUTPOST_RULE_COUNT
