@@ -92,6 +92,8 @@ struct options {
     std::vector<std::string> data;
     std::string weights = "src/eval/weights.cpp";
     std::string out;
+    std::string from;    // start from the tables of this weights source
+    int startRule = -1;  // outpost rule to start from, -1 = OUTPOST_RULE
     int epochs = 10;
     int threads = 2;
     int batch = 8192;
@@ -157,6 +159,7 @@ public:
         std::copy(&start[0][0], &start[0][0] + 2 * ENTRIES, &param[0][0]);
     }
 
+    bool readStart();
     bool load();
     void filterQuiet();
     void fitK();
@@ -174,6 +177,9 @@ private:
                    double scale = 0) const;
     void setTables(const double (*p)[2]) const;
     void report(int epoch, double seconds, bool final);
+    // Per file: the errors on its quiet training and validation positions with its own K
+    // and with the texel command's, and on every position as that command measures it.
+    void printFileErrors(const std::vector<int>& evals) const;
 
     options opt;
     std::vector<sample> samples;
@@ -319,9 +325,20 @@ void tuner::fitK() {
         k.assign(files, x);
     }
     for (size_t f = 0; f < files; f++)
-        std::printf("K = %.4f, weight %.3f for %s: training error %.6f, validation error %.6f\n",
-                    k[f], weight[f], opt.data[f].c_str(), errorOf(evals, int(f), 0, true),
-                    errorOf(evals, int(f), 1, true));
+        std::printf("K = %.4f, weight %.3f for %s\n", k[f], weight[f], opt.data[f].c_str());
+    printFileErrors(evals);
+}
+
+void tuner::printFileErrors(const std::vector<int>& evals) const {
+    for (size_t f = 0; f < opt.data.size(); f++) {
+        const int i = int(f);
+        std::printf(
+            "%s: training %.6f, validation %.6f; with K = %.2f: training %.6f, "
+            "validation %.6f, every position %.6f\n",
+            opt.data[f].c_str(), errorOf(evals, i, 0, true), errorOf(evals, i, 1, true),
+            TEXEL_SCALE, errorOf(evals, i, 0, true, TEXEL_SCALE),
+            errorOf(evals, i, 1, true, TEXEL_SCALE), errorOf(evals, i, -1, false, TEXEL_SCALE));
+    }
 }
 
 void tuner::chooseOutpostRule() {
@@ -472,11 +489,8 @@ void tuner::report(int epoch, double seconds, bool final) {
         bestValid = va;
         std::copy(&rounded[0][0], &rounded[0][0] + 2 * ENTRIES, &best[0][0]);
     }
-    if (final) {
-        for (size_t f = 0; f < opt.data.size(); f++)
-            std::printf("texel error (K = %.2f, every position) of %s: %.6f\n", TEXEL_SCALE,
-                        opt.data[f].c_str(), errorOf(evals, int(f), -1, false, TEXEL_SCALE));
-    }
+    if (final)
+        printFileErrors(evals);
     std::fflush(stdout);
 }
 
@@ -543,29 +557,72 @@ void tuner::train() {
     report(opt.epochs, elapsed(), true);
 }
 
-// Replaces the S(mg, eg) pairs of the four tables in the weights source, in order, and
-// leaves every other character as it is.
-bool tuner::write() const {
-    std::ifstream in(opt.weights);
+const std::regex PAIR(R"(S\(\s*(-?\d+),\s*(-?\d+)\))");
+
+bool readFile(const std::string& path, std::string& text) {
+    std::ifstream in(path);
     if (!in) {
-        std::fprintf(stderr, "cannot read %s\n", opt.weights.c_str());
+        std::fprintf(stderr, "cannot read %s\n", path.c_str());
         return false;
     }
     std::stringstream ss;
     ss << in.rdbuf();
-    std::string text = ss.str();
-    const std::regex pair(R"(S\(\s*-?\d+,\s*-?\d+\))");
+    text = ss.str();
+    return true;
+}
+
+// The text of table t in a weights source, from its name to its closing brace.
+bool findTable(const std::string& text, const tableRef& t, const std::string& path, size_t& from,
+               size_t& to) {
+    from = text.find(std::string("i32 ") + t.name + "[");
+    to = from == std::string::npos ? from : text.find("};", from);
+    if (to == std::string::npos)
+        std::fprintf(stderr, "%s not found in %s\n", t.name, path.c_str());
+    return to != std::string::npos;
+}
+
+// Starts from the tables of another weights source (--from) instead of the built-in ones.
+bool tuner::readStart() {
+    if (opt.from.empty())
+        return true;
+    std::string text;
+    if (!readFile(opt.from, text))
+        return false;
     for (const tableRef& t : TABLES) {
-        const std::string head = std::string("i32 ") + t.name + "[";
-        const size_t from = text.find(head);
-        const size_t to = from == std::string::npos ? from : text.find("};", from);
-        if (to == std::string::npos) {
-            std::fprintf(stderr, "%s not found in %s\n", t.name, opt.weights.c_str());
+        size_t from, to;
+        if (!findTable(text, t, opt.from, from, to))
+            return false;
+        const std::string body = text.substr(from, to - from);
+        int i = 0;
+        for (auto it = std::sregex_iterator(body.begin(), body.end(), PAIR);
+             it != std::sregex_iterator() && i < t.size; ++it, ++i) {
+            start[t.base + i][0] = std::stoi((*it)[1]);
+            start[t.base + i][1] = std::stoi((*it)[2]);
+        }
+        if (i != t.size) {
+            std::fprintf(stderr, "%s: too few pairs in %s\n", t.name, opt.from.c_str());
             return false;
         }
+    }
+    std::copy(&start[0][0], &start[0][0] + 2 * ENTRIES, &param[0][0]);
+    setTables(param);
+    std::printf("starting from the tables of %s\n", opt.from.c_str());
+    return true;
+}
+
+// Replaces the S(mg, eg) pairs of the four tables in the weights source, in order, and
+// leaves every other character as it is.
+bool tuner::write() const {
+    std::string text;
+    if (!readFile(opt.weights, text))
+        return false;
+    for (const tableRef& t : TABLES) {
+        size_t from, to;
+        if (!findTable(text, t, opt.weights, from, to))
+            return false;
         std::string body = text.substr(from, to - from), out;
         int i = 0;
-        auto it = std::sregex_iterator(body.begin(), body.end(), pair);
+        auto it = std::sregex_iterator(body.begin(), body.end(), PAIR);
         size_t last = 0;
         for (; it != std::sregex_iterator(); ++it, ++i) {
             if (i >= t.size)
@@ -607,6 +664,8 @@ void usage() {
         "  --last           write the last epoch's values, not the best on validation\n"
         "  --no-outpost     keep the outpost rule in use without measuring the others\n"
         "  --weights PATH   weights source to rewrite (src/eval/weights.cpp)\n"
+        "  --from PATH      start from the tables of this weights source\n"
+        "  --outpost-rule N start from this outpost rule, not the one in use\n"
         "  --out PATH       write there instead of over the weights source");
 }
 
@@ -651,6 +710,10 @@ int main(int argc, char** argv) {
             opt.outpostSearch = false;
         else if (a == "--weights")
             opt.weights = next();
+        else if (a == "--outpost-rule")
+            opt.startRule = std::clamp(std::stoi(next()), 0, OUTPOST_RULE_COUNT - 1);
+        else if (a == "--from")
+            opt.from = next();
         else if (a == "--out")
             opt.out = next();
         else if (a == "--help" || a == "-h" || a[0] == '-') {
@@ -665,8 +728,10 @@ int main(int argc, char** argv) {
     }
     initBitboardConstants();
     initHashCodeTables();
+    if (opt.startRule >= 0)
+        outpostRule = opt.startRule;
     tuner t(opt);
-    if (!t.load())
+    if (!t.readStart() || !t.load())
         return 1;
     t.filterQuiet();
     t.fitK();
