@@ -34,6 +34,13 @@ constexpr bitboard pawnPush(bitboard b) {
     return Us == WHITE ? b << 8 : b >> 8;
 }
 
+// A traced evaluation lists each entry of a tuned table it adds, with its colour.
+template <bool Trace>
+inline void recordUse(evalTraceStruct* trace, tunedTable table, int colour, int entry) {
+    if constexpr (Trace)
+        trace->uses[trace->useCount++] = {table, u8(colour), u16(entry)};
+}
+
 // Pawn structure and storm, White minus Black; the passed pawns of both colours go to
 // *passed. Only called on a pawn-cache miss (always when tracing).
 template <bool Trace>

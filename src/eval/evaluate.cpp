@@ -35,15 +35,29 @@ i32 pawnTerms(const positionStruct* pos, bitboard* passed, evalTraceStruct* trac
 
 // The endgame correction: pawns and their spread make a lead easier to convert, pawns on
 // one flank only make it harder. It shrinks or grows the endgame half, never flips it.
-int initiative(const positionStruct* pos, int eg) {
+int complexityOf(const positionStruct* pos) {
     const bitboard pawns = pos->bitboards[WPAWN] | pos->bitboards[BPAWN];
     const bitboard kings = pos->bitboards[WKING] | pos->bitboards[BKING];
     const bool bothFlanks = (pawns & QUEENSIDE) && (pawns & KINGSIDE);
-    const int complexity = EVALINITIATIVEPAWN * popCount(pawns)
-                           + (bothFlanks ? EVALINITIATIVEBOTHFLANKS : EVALINITIATIVEONEFLANK)
-                           + (pos->occupied() == (pawns | kings) ? EVALINITIATIVEPAWNENDING : 0);
+    return EVALINITIATIVEPAWN * popCount(pawns)
+           + (bothFlanks ? EVALINITIATIVEBOTHFLANKS : EVALINITIATIVEONEFLANK)
+           + (pos->occupied() == (pawns | kings) ? EVALINITIATIVEPAWNENDING : 0);
+}
+
+int initiative(int complexity, int eg) {
     const int sign = (eg > 0) - (eg < 0);
     return sign * std::max(complexity, -std::abs(eg));
+}
+
+// The piece-square entries inside the position's accumulators, for a trace.
+void recordPieceSquares(const positionStruct* pos, evalTraceStruct* trace) {
+    for (int code = WPAWN; code <= BKING; code++) {
+        const int colour = code & 1, idx = code / 2 - 1;
+        for (bitboard b = pos->bitboards[code]; b;) {
+            const int sq = popLsb(b);
+            recordUse<true>(trace, TUNED_PSQ, colour, idx * 64 + (colour == WHITE ? sq ^ 56 : sq));
+        }
+    }
 }
 
 // The whole evaluation from White's point of view, without the evaluation cache.
@@ -57,7 +71,13 @@ int evaluateWhite(const positionStruct* pos, evalTraceStruct* trace) {
     score += pawnTerms<Trace>(pos, &passed, trace);
     score += evaluatePieces<Trace>(pos, passed, trace);
 
-    const int bonus = initiative(pos, egOf(score));
+    const int complexity = complexityOf(pos);
+    if constexpr (Trace) {
+        trace->beforeInitiative = score;
+        trace->complexity = complexity;
+        recordPieceSquares(pos, trace);
+    }
+    const int bonus = initiative(complexity, egOf(score));
     score += S(0, bonus);
     const i32 tempo = pos->sideToMove == WHITE ? EVALTEMPO : -EVALTEMPO;
     score += tempo;

@@ -38,6 +38,21 @@ enum evalTerm : int {
     TERM_COUNT
 };
 
+// The tables a tuner fits, and one use of one of their entries by a traced evaluation.
+enum tunedTable : u8 {
+    TUNED_PSQ,
+    TUNED_PASSED,
+    TUNED_SHIELD,
+    TUNED_STORM
+};
+struct tunedUseStruct {
+    u8 table;
+    u8 colour;  // the side whose score the entry enters
+    u16 entry;  // index into the table
+};
+// 32 pieces, 16 passers, 3 shield and 3 storm files per side.
+constexpr int MAX_TUNED_USES = 80;
+
 // What the traced evaluation records. Terms are packed pairs from each colour's own point
 // of view, so the total of a term is terms[t][WHITE] - terms[t][BLACK].
 struct evalTraceStruct {
@@ -46,6 +61,14 @@ struct evalTraceStruct {
     int kingAttackers[2];  // attackers' count against each colour's king
     int kingDanger[2];     // danger units against each colour's king (0 when not computed)
     int whiteScore;        // the final score, White's point of view
+    // For a tuner: the score before the initiative (packed, White's view), the complexity
+    // that the initiative weighs against it, every use of a tuned table's entry, and for
+    // each colour whether its shield sum was halved (no enemy queen).
+    i32 beforeInitiative;
+    int complexity;
+    bool shieldHalved[2];
+    int useCount;
+    tunedUseStruct uses[MAX_TUNED_USES];
 };
 
 // The evaluation of evaluateN through the same code, without the caches, recording every

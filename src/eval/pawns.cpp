@@ -19,8 +19,9 @@ int nearestPawnDistance(bitboard pawns, int king) {
     return std::abs(rankOf(sq) - rankOf(king));
 }
 
-template <int Us>
-i32 pawnSide(const positionStruct* pos, bool kingsOnOneFlank, bitboard* passed) {
+template <int Us, bool Trace>
+i32 pawnSide(const positionStruct* pos, bool kingsOnOneFlank, bitboard* passed,
+             evalTraceStruct* trace) {
     constexpr int Them = Us ^ 1;
     const bitboard own = pos->bitboards[WPAWN + Us];
     const bitboard enemy = pos->bitboards[WPAWN + Them];
@@ -37,6 +38,7 @@ i32 pawnSide(const positionStruct* pos, bool kingsOnOneFlank, bitboard* passed) 
         int dO = nearestPawnDistance<Us>(own & ahead & fileBB(f), king);
         int kind = (dO == dE - 1 && dE != 7 ? 1 : 0) + (kingsOnOneFlank ? 2 : 0);
         score += EVALPAWNSTORM[kind * 64 + f * 8 + dE];
+        recordUse<Trace>(trace, TUNED_STORM, Us, kind * 64 + f * 8 + dE);
     }
 
     for (bitboard b = own; b;) {
@@ -52,6 +54,7 @@ i32 pawnSide(const positionStruct* pos, bool kingsOnOneFlank, bitboard* passed) 
 
         if (!inFront) {
             *passed |= bb(s);
+            recordUse<Trace>(trace, TUNED_PASSED, Us, Us == WHITE ? s ^ 56 : s);
             score += EVALPAWNPASSED[Us == WHITE ? s ^ 56 : s]
                      + EVALPAWNPASSEDDISTOWN[r] * distance[king][stop]
                      + EVALPAWNPASSEDDISTOTHER[r] * distance[enemyKing][stop];
@@ -97,8 +100,8 @@ i32 evaluatePawns(const positionStruct* pos, bitboard* passed, evalTraceStruct* 
         !((bb(pos->kingSquare(WHITE)) | bb(pos->kingSquare(BLACK))) & QUEENSIDE)
         || !((bb(pos->kingSquare(WHITE)) | bb(pos->kingSquare(BLACK))) & KINGSIDE);
     *passed = 0;
-    const i32 white = pawnSide<WHITE>(pos, kingsOnOneFlank, passed);
-    const i32 black = pawnSide<BLACK>(pos, kingsOnOneFlank, passed);
+    const i32 white = pawnSide<WHITE, Trace>(pos, kingsOnOneFlank, passed, trace);
+    const i32 black = pawnSide<BLACK, Trace>(pos, kingsOnOneFlank, passed, trace);
     if constexpr (Trace) {
         trace->terms[TERM_PAWNS][WHITE] = white;
         trace->terms[TERM_PAWNS][BLACK] = black;

@@ -71,20 +71,47 @@ void initColour(evalInfo& ei, const positionStruct* pos) {
 }
 
 // Pawn shield of the own king: the rearmost own pawn on each file of the king zone.
-template <int Us>
-i32 shield(const evalInfo& ei, const positionStruct* pos) {
+template <int Us, bool Trace>
+i32 shield(const evalInfo& ei, const positionStruct* pos, evalTraceStruct* trace) {
     bitboard pawns = pos->bitboards[WPAWN + Us] & ei.kingZone[Us];
     i32 score = 0;
     while (pawns) {
         const int s = Us == WHITE ? lsb(pawns) : msb(pawns);
         score += EVALPAWNSHIELD[Us == WHITE ? s ^ 56 : s];
+        recordUse<Trace>(trace, TUNED_SHIELD, Us, Us == WHITE ? s ^ 56 : s);
         pawns &= ~fileBB(fileOf(s));
     }
     // Without the enemy queen the shelter matters half as much. Halved per half so that
     // an odd endgame sum cannot carry into the middlegame half.
-    if (!pos->bitboards[WQUEEN + (Us ^ 1)])
+    const bool halved = !pos->bitboards[WQUEEN + (Us ^ 1)];
+    if (halved)
         score = S(mgOf(score) / 2, egOf(score) / 2);
+    if constexpr (Trace)
+        trace->shieldHalved[Us] = halved;
     return score;
+}
+
+// 1 when a knight or bishop on the outpost square s earns the second outpost entry.
+template <int Us>
+int outpostSecond(const positionStruct* pos, int s) {
+    constexpr int Them = Us ^ 1;
+    const bool defended = attackByPawnTable[Us][s] & pos->bitboards[WPAWN + Us];
+    const int rank = Us == WHITE ? rankOf(s) : 7 - rankOf(s);
+    switch (outpostRule) {
+        case OUTPOST_NOT_TRADEABLE: {
+            const bitboard sameColour = (LIGHTSQUARES & bb(s)) ? LIGHTSQUARES : ~LIGHTSQUARES;
+            return defended && !pos->bitboards[WKNIGHT + Them]
+                   && !(pos->bitboards[WBISHOP + Them] & sameColour);
+        }
+        case OUTPOST_ADVANCED:
+            return rank >= 4;
+        case OUTPOST_DEFENDED_ADVANCED:
+            return defended && rank >= 4;
+        case OUTPOST_DEFENDED_CENTRE:
+            return defended && (CENTREFILES & bb(s));
+        default:
+            return defended;
+    }
 }
 
 // One piece type of one colour: attacks, pins, mobility, king-zone tally and placement.
@@ -141,9 +168,8 @@ void pieceType(evalInfo& ei, const positionStruct* pos, i32& placement, i32& mob
             // An outpost: no enemy pawn on the neighbouring files can ever chase it away.
             if ((outpostMask[Us] & bb(s))
                 && !(passedPawnsMask[Us][s] & ~fileBB(fileOf(s)) & enemyPawns)) {
-                const int defended = (attackByPawnTable[Us][s] & ownPawns) ? 1 : 0;
-                placement +=
-                    Pt == KNIGHT ? EVALOUTPOSTKNIGHT[defended] : EVALOUTPOSTBISHOP[defended];
+                const int second = outpostSecond<Us>(pos, s);
+                placement += Pt == KNIGHT ? EVALOUTPOSTKNIGHT[second] : EVALOUTPOSTBISHOP[second];
             }
             placement += EVALMINORKINGDISTANCE * distance[s][ei.king[Us]];
         }
@@ -299,7 +325,7 @@ i32 evaluatePieces(const positionStruct* pos, bitboard passed, evalTraceStruct* 
         ei.kdWeight[c] = ei.kdAdjacent[c] = 0;
     }
 
-    i32 sh[2] = {shield<WHITE>(ei, pos), shield<BLACK>(ei, pos)};
+    i32 sh[2] = {shield<WHITE, Trace>(ei, pos, trace), shield<BLACK, Trace>(ei, pos, trace)};
     i32 pc[2] = {pieces<WHITE, Trace>(ei, pos, trace), pieces<BLACK, Trace>(ei, pos, trace)};
     i32 push[2] = {pawnPushes<WHITE>(ei, pos), pawnPushes<BLACK>(ei, pos)};
     i32 th[2] = {threats<WHITE>(ei, pos, passed), threats<BLACK>(ei, pos, passed)};

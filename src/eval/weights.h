@@ -6,12 +6,21 @@
 
 #include "eval/score.h"
 
+// The tables a tuner fits are constant like every other weight, except in the tuning
+// tool's own build of the engine code (QUORVANE_TUNING_BUILD), which writes trial values
+// into them and measures them with the real evaluation.
+#ifdef QUORVANE_TUNING_BUILD
+#define TUNED_WEIGHT
+#else
+#define TUNED_WEIGHT const
+#endif
+
 // Indexed by piece index (code / 2 - 1): pawn, knight, bishop, rook, queen, king.
 extern const i32 pieceValue[6];
 extern const i32 pieceValuePhase[6];
 // [piece index * 64 + entry]; entry = square ^ 56 for White, the square for Black,
 // so entries 56..63 are a side's own back rank.
-extern const i32 pieceSquareScore[6 * 64];
+extern TUNED_WEIGHT i32 pieceSquareScore[6 * 64];
 
 // Pawn structure, by file a..h.
 extern const i32 EVALPAWNISOLATED[8];
@@ -25,13 +34,13 @@ extern const i32 EVALPAWNPASSEDDISTOTHER[8];  // per square of enemy king distan
 // [1 when the pawn's attackers are no more than its supporters][relative rank]
 extern const i32 EVALPAWNPASSEDCANDIDATE[2][8];
 // Passed pawns and the king's pawn shield, indexed like pieceSquareScore.
-extern const i32 EVALPAWNPASSED[64];
-extern const i32 EVALPAWNSHIELD[64];
+extern TUNED_WEIGHT i32 EVALPAWNPASSED[64];
+extern TUNED_WEIGHT i32 EVALPAWNSHIELD[64];
 // Enemy pawns in front of the king: [kind * 64 + file * 8 + rank distance], kind = 1 when
 // an own pawn blocks the nearest enemy pawn, plus 2 when both kings share a flank.
-extern const i32 EVALPAWNSTORM[4 * 8 * 8];
+extern TUNED_WEIGHT i32 EVALPAWNSTORM[4 * 8 * 8];
 
-// Pieces: [1 when an own pawn defends the outpost].
+// Pieces: [0 or 1 by the outpost rule below].
 extern const i32 EVALOUTPOSTKNIGHT[2];
 extern const i32 EVALOUTPOSTBISHOP[2];
 extern const i32 EVALROOKONOPEN[2];  // [0] semi-open file, [1] open file
@@ -44,6 +53,23 @@ extern const i32 EVALMOBILITYQUEEN[28];
 extern const i32 EVALPINNED[4];            // pinned, no enemy pawn attacks it
 extern const i32 EVALPINNEDPAWNATTACK[4];  // pinned and attacked by an enemy pawn
 extern const i32 EVALDISCOVERED[4];        // blocks an own slider aimed at the enemy king
+
+// Which knight or bishop on an outpost square earns the second EVALOUTPOST* entry. The
+// tuner measures each rule against the game results; the engine uses the one they prefer.
+enum outpostRuleKind : int {
+    OUTPOST_PAWN_DEFENDED,      // an own pawn defends the square
+    OUTPOST_NOT_TRADEABLE,      // defended, and no enemy knight or same-coloured bishop
+    OUTPOST_ADVANCED,           // on the relative 5th or 6th rank
+    OUTPOST_DEFENDED_ADVANCED,  // defended and on the relative 5th or 6th rank
+    OUTPOST_DEFENDED_CENTRE,    // defended and on files c-f
+    OUTPOST_RULE_COUNT
+};
+constexpr int OUTPOST_RULE = OUTPOST_PAWN_DEFENDED;  // the rule in use
+#ifdef QUORVANE_TUNING_BUILD
+extern int outpostRule;  // starts as OUTPOST_RULE; the tuner tries the others
+#else
+constexpr int outpostRule = OUTPOST_RULE;
+#endif
 
 // Phase: counter values at and beyond which the score is pure middlegame / endgame.
 constexpr int EVALPHASEMAX = 6232;

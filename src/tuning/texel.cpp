@@ -11,14 +11,7 @@
 std::vector<texelPosStruct> texelPositions;
 texelWorkForce theTexelWorkForce;
 
-namespace {
-
-// Logistic scale: 400 / 1.55 centipawns per factor of ten in the odds.
-constexpr double TEXEL_SCALE = 1.55;
-
-// Reads "<FEN words> c9 "<result>";" lines. Lines without "c9" or with a FEN the board
-// layer rejects are skipped and counted; a result other than 1-0 or 1/2 counts as 0-1.
-bool loadPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped) {
+bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped) {
     std::ifstream in(path);
     if (!in)
         return false;
@@ -46,8 +39,6 @@ bool loadPositions(const std::string& path, std::vector<texelPosStruct>& into, i
     }
     return true;
 }
-
-}  // namespace
 
 texelWorker::texelWorker(int idx, std::ostream& stream) : index(idx), out(&stream) {
     thread = std::thread(&texelWorker::atTheOffice, this);
@@ -135,7 +126,7 @@ double texelWorkForce::calcTexelError() {
 texelResultStruct runTexel(const std::string& path, std::ostream& out) {
     std::vector<texelPosStruct> loaded;
     int skipped = 0;
-    if (!loadPositions(path, loaded, skipped)) {
+    if (!loadTexelPositions(path, loaded, skipped)) {
         out << "There seems to be a problem with the tuning file. tuning not executed\n"
             << std::flush;
         return {false, 0, 0};

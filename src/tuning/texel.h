@@ -20,6 +20,13 @@ struct texelPosStruct {
 };
 
 constexpr int TEXEL_WORKERS = 30;
+// Logistic scale: 400 / TEXEL_SCALE centipawns per factor of ten in the odds.
+constexpr double TEXEL_SCALE = 1.55;
+
+// Reads "<FEN words> c9 "<result>";" lines into `into`. Lines without "c9" or with a FEN
+// the board layer rejects are skipped and counted; a result other than 1-0 or 1/2 counts
+// as 0-1. False when the file cannot be opened.
+bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped);
 
 extern std::vector<texelPosStruct> texelPositions;
 
