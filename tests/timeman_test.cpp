@@ -1,8 +1,8 @@
-// The time budget: worked clock situations, the once-per-game usage factor, the hard
-// limit over a grid of clocks, the iteration factor and the hard-limit test.
+// The time budget: worked clock situations, the hard limit over a grid of clocks, the
+// iteration factor and the hard-limit test.
 #include <gtest/gtest.h>
 
-#include "uci/timeman.h"
+#include "engine/timeman.h"
 
 namespace {
 

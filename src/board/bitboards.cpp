@@ -1,7 +1,6 @@
 // Start-up construction of the geometric tables and the magic slider lookups.
 #include "board/bitboards.h"
 
-#include <cmath>
 #include <cstdlib>
 #include <vector>
 
@@ -22,7 +21,6 @@ bitboard ranksAtOrAbove[2][64];
 bitboard isolatedPawns[64];
 bitboard passedPawnsMask[2][64];
 bitboard kingSafetyArea[2][64];
-u8 LMR[128][256];
 
 namespace {
 
@@ -243,9 +241,4 @@ void initBitboardConstants() {
                 inLineSquares[a][b] = bb(a) | bb(b) | (bishopAttackAll[a] & bishopAttackAll[b]);
             }
         }
-
-    // Late-move reductions; the first columns are deliberately uneven.
-    for (int r = 0; r < 128; r++)
-        for (int c = 0; c < 256; c++)
-            LMR[r][c] = c < 3 ? 0 : c == 3 ? 1 : u8(std::sqrt(double((r * (c - 2)) / 9)));
 }

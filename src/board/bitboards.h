@@ -29,7 +29,6 @@ extern bitboard ranksAtOrAbove[2][64];
 extern bitboard isolatedPawns[64];
 extern bitboard passedPawnsMask[2][64];
 extern bitboard kingSafetyArea[2][64];
-extern u8 LMR[128][256];
 
 constexpr bitboard FILE_A = 0x0101010101010101ULL;
 constexpr bitboard RANK_1 = 0xFFULL;

@@ -6,10 +6,14 @@
 
 #include "board/position.h"
 
-// Counts the leaves `depth` plies below pos (depth >= 1). pos's ply-0 move list must be
+// The deepest perft the ply records and the move buffer hold; deeper requests are refused.
+constexpr int PERFT_MAX_DEPTH = MAX_PLY;
+
+// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH). pos's ply-0 move list must be
 // bound to a move buffer.
 u64 perft(u8 ply, int depth, positionStruct* pos);
 
 // Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"
-// marker, printing one line per test and the summary. Returns true when all passed.
-bool runPerftFile(const std::string& path, std::ostream& out);
+// marker, printing one line per test and the summary. Returns true when all passed;
+// counts the tests that ran (readable lines) in *testsRun when given.
+bool runPerftFile(const std::string& path, std::ostream& out, int* testsRun = nullptr);

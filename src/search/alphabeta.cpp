@@ -32,17 +32,13 @@
 #include "board/movegen.h"
 #include "search/movepick.h"
 #include "search/search.h"
+#include "search/searchlimits.h"
 #include "search/searchutil.h"
 #include "search/see.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
-#include "uci/engine.h"
-#include "uci/timeman.h"
-#include "uci/workforce.h"
 
 namespace {
-
-inline bool stopped() { return theWorkForce.stopSearch.load(std::memory_order_relaxed); }
 
 inline bool isPromotion(moveStruct m) { return m.type >= MT_PROMO_N && m.type <= MT_PROMO_Q; }
 
@@ -75,8 +71,6 @@ inline void updateQuietTables(positionStruct* pos, moveStruct m, int row1, int r
         updateHistory(pos->contHist[1][row2 + idx], delta);
 }
 
-constexpr int MAX_QUIETS_TRIED = 64;
-
 }  // namespace
 
 short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* pos) {
@@ -88,15 +82,15 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     if (ply > pos->selDepth)
         pos->selDepth = ply;
     if (pos->nodeCheckCountdown-- <= 0) {
-        pos->nodeCheckCountdown = engine.nodeCheckInterval;
-        if (hardTimeUp(engine, theWorkForce.pondering.load(std::memory_order_relaxed))) {
-            theWorkForce.stopSearch.store(true, std::memory_order_relaxed);
+        pos->nodeCheckCountdown = searchLimits.nodeCheckInterval;
+        if (hardTimeUp(searchLimits, searchSignals.pondering.load(std::memory_order_relaxed))) {
+            searchSignals.stopSearch.store(true, std::memory_order_relaxed);
             return 0;
         }
     }
 
     // Step 2. Stopped by this or another thread, "stop" or "quit".
-    if (stopped())
+    if (searchStopped())
         return 0;
 
     // Step 3. Entry tests below the root.
@@ -138,7 +132,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     // Step 6. Tablebases, right after a capture or pawn move with no castling left.
     if (ply > 0 && TB_LARGEST > 0 && pos->halfMoveClock == 0 && ps.castlingRights == 0) {
         const int pieces = popCount(pos->occupied());
-        if (pieces < TB_LARGEST || (pieces == TB_LARGEST && depth >= engine.syzygyProbeDepth)) {
+        if (pieces < TB_LARGEST || (pieces == TB_LARGEST && depth >= searchLimits.syzygyProbeDepth)) {
             int success = 0;
             const int wdl = probeWDLPosition(pos, &success);
             if (success && wdl != -3) {
@@ -305,7 +299,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             int r = 0;
             if (depth >= LMR_MIN_DEPTH && capturesNothing && !isPromotion(m) && !inCheck
                 && !child.inCheck) {
-                r = LMR[std::min(depth, 127)][std::min(moveNumber, 255)] + (improving ? 0 : 1);
+                r = LMR[std::min(depth, LMR_DEPTHS - 1)][std::min(moveNumber, LMR_MOVES - 1)]
+                  + (improving ? 0 : 1);
                 if (mainHist < 0 && cont1 < 0 && cont2 < 0)
                     r++;
                 if (r && pvNode)
@@ -318,7 +313,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                 score = searchChild(u8(ply + 1), newDepth, alpha, beta, pos);
         }
         takeBack(pos, ply, m);
-        if (stopped()) {
+        if (searchStopped()) {
             if (ply == 0)
                 ps.currentMove = ps.bestMove;
             return 0;

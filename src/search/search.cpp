@@ -3,8 +3,10 @@
 #include <cstring>
 
 #include "board/movegen.h"
-#include "uci/engine.h"
-#include "uci/workforce.h"
+#include "search/searchlimits.h"
+
+searchLimitsStruct searchLimits;
+searchSignalsStruct searchSignals;
 
 void searchTablesStruct::bind(positionStruct* pos) {
     pos->mainHistory = mainHistory;
@@ -27,13 +29,13 @@ void searchTablesStruct::clearAll() {
 }
 
 searchResultStruct searchFixedDepth(positionStruct* pos, int depth) {
-    const bool wasInfinite = engine.infinite;
-    engine.infinite = true;   // no clock
-    theWorkForce.stopSearch.store(false, std::memory_order_relaxed);
+    const bool wasInfinite = searchLimits.infinite;
+    searchLimits.infinite = true;   // no clock
+    searchSignals.stopSearch.store(false, std::memory_order_relaxed);
 
     pos->nodes = pos->qNodes = pos->tbHits = 0;
     pos->selDepth = 0;
-    pos->nodeCheckCountdown = engine.nodeCheckInterval;
+    pos->nodeCheckCountdown = searchLimits.nodeCheckInterval;
     pos->rootScore = -INF_SCORE;
     pos->rootDepth = 0;
     pos->rootDepthComplete = 1;
@@ -48,7 +50,7 @@ searchResultStruct searchFixedDepth(positionStruct* pos, int depth) {
         pos->bestMoveChanges = 0;
         pos->searchDepth = u64(d);
         const int score = alfabeta(0, d, -INF_SCORE, INF_SCORE, pos);
-        if (theWorkForce.stopSearch.load(std::memory_order_relaxed))
+        if (searchSignals.stopSearch.load(std::memory_order_relaxed))
             break;
         result.score = score;
         result.depth = d;
@@ -58,6 +60,6 @@ searchResultStruct searchFixedDepth(positionStruct* pos, int depth) {
     }
     result.bestMove = pos->plyStack[0].bestMove;
     result.nodes = pos->nodes + pos->qNodes;
-    engine.infinite = wasInfinite;
+    searchLimits.infinite = wasInfinite;
     return result;
 }

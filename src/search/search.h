@@ -4,7 +4,7 @@
 // How the root search drives alfabeta (ply 0):
 //  - The position is bound to a searchTablesStruct and plyStack[0].inCheck is set.
 //  - Before the first iteration: nodes, qNodes, tbHits and selDepth are zero,
-//    nodeCheckCountdown = engine.nodeCheckInterval, plyStack[0].bestMove = EMPTYMOVE,
+//    nodeCheckCountdown = searchLimits.nodeCheckInterval, plyStack[0].bestMove = EMPTYMOVE,
 //    plyStack[0].nullMoveDisable as wanted (0 allows null moves below the root).
 //  - Per iteration: bestMoveChanges = 0, searchDepth = the depth passed, then
 //    alfabeta(0, depth, alpha, beta, pos).
@@ -13,7 +13,7 @@
 //    low or a stop). When alfabeta returns from ply 0, plyStack[0].currentMove holds the
 //    same move. Each alpha raise at the root also does bestMoveChanges++,
 //    rootDepth = depth and rootDepthComplete = 0.
-//  - A result returned while theWorkForce.stopSearch is set is meaningless (0).
+//  - A result returned while searchSignals.stopSearch is set is meaningless (0).
 #pragma once
 
 #include "board/position.h"
@@ -60,7 +60,7 @@ struct searchResultStruct {
 };
 
 // Iterative deepening from depth 1 to `depth` with a full window, one thread, no clock
-// (engine.infinite is set for the duration) and no output. Needs a bound position and
+// (searchLimits.infinite is set for the duration) and no output. Needs a bound position and
 // an allocated transposition table; clears stopSearch, so never call it while a
 // threaded search runs.
 searchResultStruct searchFixedDepth(positionStruct* pos, int depth);

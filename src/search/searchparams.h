@@ -1,6 +1,8 @@
 // The tunables of the tree search, kept together. Everything here is constant.
 #pragma once
 
+#include <array>
+
 #include "board/types.h"
 
 // Reverse futility: a static score this far above beta at this depth ends the node.
@@ -44,6 +46,27 @@ constexpr int IID_MARGIN = 100;
 // Late-move reductions apply from this depth on.
 constexpr int LMR_MIN_DEPTH = 3;
 
+// Late-move reduction in plies by [depth][move number]: none for the first three moves,
+// one for the fourth at any depth, then floor(sqrt(depth * (number - 2) / 9)).
+constexpr int LMR_DEPTHS = 128;
+constexpr int LMR_MOVES = 256;
+constexpr std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> makeLmrTable() {
+    std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> t{};
+    for (int r = 0; r < LMR_DEPTHS; r++)
+        for (int c = 0; c < LMR_MOVES; c++) {
+            const int n = (r * (c - 2)) / 9;
+            int root = 0;
+            while ((root + 1) * (root + 1) <= n)
+                root++;
+            t[r][c] = u8(c < 3 ? 0 : c == 3 ? 1 : root);
+        }
+    return t;
+}
+inline constexpr auto LMR = makeLmrTable();
+
+// Quiet moves remembered per node for the history penalty of a cut-off.
+constexpr int MAX_QUIETS_TRIED = 64;
+
 // A move whose two continuation-history scores both exceed this is extended by a ply.
 constexpr int CONT_HIST_EXTENSION = 4096;
 
@@ -62,3 +85,24 @@ constexpr int INSUFFICIENT_MATERIAL = 377;
 constexpr int TB_WIN = MATE_BAND;        // a tablebase win at ply p scores TB_WIN - p
 constexpr int TB_DEPTH = 127;            // stored depth of tablebase results
 constexpr int CHECK_EVAL = -32767;       // static evaluation placeholder in check
+
+// The iterative deepening of each thread (src/engine/rootsearch.cpp).
+//
+// Aspiration widths per thread (row = thread number mod 32): column 0 is the first
+// half-width, columns 1-4 the widths after the 1st-4th failure. The rows from 3 on run
+// one place out of step and row 31 ends in 0: deliberate, they spread the threads.
+// clang-format off
+constexpr i16 aspMatrix[32][5] = {
+    {15, 35, 40, 80, 160}, {9, 24, 34, 75, 113}, {15, 35, 40, 80, 160}, {54, 69, 79, 195, 15},
+    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 12}, {27, 37, 83, 117, 51}, {66, 76, 187, 169, 15},
+    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 48}, {63, 73, 179, 165, 15},
+    {30, 40, 91, 121, 18}, {33, 43, 99, 125, 15}, {35, 40, 80, 160, 45}, {60, 70, 171, 161, 21},
+    {36, 46, 107, 129, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 42}, {57, 67, 163, 157, 15},
+    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 24}, {39, 49, 115, 133, 39}, {54, 64, 155, 153, 27},
+    {42, 52, 123, 137, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 36}, {51, 61, 147, 149, 15},
+    {35, 40, 80, 160, 30}, {45, 55, 131, 141, 15}, {35, 40, 80, 160, 33}, {48, 58, 139, 145, 0},
+};
+// Helper threads skip depths by these, indexed by thread number mod 16.
+constexpr int skipSize[16] = {1, 2, 2, 3, 3, 3, 4, 4, 6, 3, 2, 2, 4, 5, 3, 2};
+constexpr int skipPhase[16] = {0, 1, 0, 1, 1, 0, 0, 2, 1, 0, 1, 1, 2, 1, 1, 0};
+// clang-format on

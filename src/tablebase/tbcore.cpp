@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "board/output.h"
 #include "tablebase/tbprobe.h"
-#include "uci/uci.h"
 
 int TB_LARGEST = 0;
 int TBnum_piece = 0, TBnum_pawn = 0;

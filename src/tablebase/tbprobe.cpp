@@ -4,9 +4,9 @@
 #include <chrono>
 
 #include "board/bitboards.h"
+#include "board/output.h"
 #include "board/zobrist.h"
 #include "tablebase/tbcore.h"
-#include "uci/uci.h"
 
 namespace {
 

@@ -9,7 +9,6 @@
 #include "eval/evaluate.h"
 
 std::vector<texelPosStruct> texelPositions;
-std::vector<texelParStruct> texelPars;
 texelWorkForce theTexelWorkForce;
 
 namespace {
@@ -162,7 +161,6 @@ texelResultStruct runTexel(const std::string& path, std::ostream& out) {
     }
 
     out << "Starting texel tuning....\n" << std::flush;
-    texelPars.clear();
     const double startError = theTexelWorkForce.calcTexelError();
     out << "Starting error " << startError << "\n\n Improving: " << 1 << "\n" << std::flush;
     const double endError = theTexelWorkForce.calcTexelError();

@@ -19,16 +19,9 @@ struct texelPosStruct {
     i16 unused;
 };
 
-// A weight a tuner may vary. The measuring command empties the list and never fills it.
-struct texelParStruct {
-    std::string name;
-    i32* value;
-};
-
 constexpr int TEXEL_WORKERS = 30;
 
 extern std::vector<texelPosStruct> texelPositions;
-extern std::vector<texelParStruct> texelPars;
 
 // One tuning thread with its share of the positions. It parks on its condition variable
 // while busy is false; busy is guarded by its mutex in both directions.

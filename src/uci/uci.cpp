@@ -1,7 +1,5 @@
 #include "uci/uci.h"
 
-#include <sys/sysinfo.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -17,17 +15,18 @@
 #include "board/makemove.h"
 #include "board/movegen.h"
 #include "board/perft.h"
+#include "board/output.h"
 #include "board/zobrist.h"
+#include "engine/bench.h"
+#include "engine/engine.h"
+#include "engine/timeman.h"
+#include "engine/workforce.h"
 #include "eval/evaluate.h"
+#include "search/searchlimits.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
 #include "tuning/texel.h"
-#include "uci/bench.h"
-#include "uci/engine.h"
-#include "uci/timeman.h"
-#include "uci/workforce.h"
 
-engineStruct engine;
 positionStruct GPSData;
 moveStruct GMS[MOVE_BUFFER];
 
@@ -35,6 +34,14 @@ namespace {
 
 std::mutex outputMutex;
 int perftDepth = 6;
+
+// The protocol's writer of every line, whichever thread or layer prints it: whole lines
+// under a lock, flushed at once so that the GUI sees them without delay.
+void writeProtocolText(const std::string& text) {
+    std::lock_guard<std::mutex> lock(outputMutex);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
 
 // Settings that must not change under a running search take effect at the next "go"
 // (or at once when no search runs), so the command loop never blocks on a search.
@@ -82,37 +89,13 @@ bool readU64(const std::string& text, u64& out) {
     return true;
 }
 
-// The largest table that physical memory can hold comfortably: half of it. The tests
-// lower that ceiling with QUORVANE_HASH_LIMIT_MB so that the largest sizes stay cheap.
-u64 affordableBuckets(u64 wanted) {
-    struct sysinfo si {};
-    u64 limit = sysinfo(&si) == 0 ? u64(si.totalram) * si.mem_unit / 2 / 64 : wanted;
-    if (const char* cap = std::getenv("QUORVANE_HASH_LIMIT_MB"))
-        limit = std::min<u64>(limit, std::strtoull(cap, nullptr, 10) * 16384);
-    while (wanted > 16384 && wanted > limit)
-        wanted /= 2;
-    return wanted;
-}
-
-}  // namespace
-
-void setHashSizeNow(int mb) {
-    u64 wanted = hashBucketsForMB(mb);
-    u64 capped = affordableBuckets(wanted);
-    u64 got = resizeHashTable(capped, engine.nofThreads);
-    pendingHashMB = 0;
-    if (got != wanted)
-        printLine("info string not enough memory for a table of " + std::to_string(wanted / 16384)
-                  + " MB, using " + std::to_string(got * 64 / 1048576) + " MB");
-}
-
-namespace {
-
 void setHashSize(int mb) {
     if (theWorkForce.searching())
         pendingHashMB = mb;
-    else
+    else {
+        pendingHashMB = 0;
         setHashSizeNow(mb);
+    }
 }
 
 void applyPendingSettings() {
@@ -141,7 +124,7 @@ void applyPendingSettings() {
 // Stops a running search and waits until it has printed its move.
 void stopAndWait() {
     if (theWorkForce.searching()) {
-        theWorkForce.stopSearch = true;
+        searchSignals.stopSearch = true;
         theWorkForce.waitSearchEnd();
     }
 }
@@ -253,7 +236,7 @@ void cmdGo(tokens& in) {
         else if (tok == "ponder")
             ponder = true;
     }
-    theWorkForce.pondering = ponder;
+    searchSignals.pondering = ponder;
     computeTimeBudget(engine, GPSData.sideToMove);
     theWorkForce.startSearch(GPSData);
 }
@@ -326,8 +309,8 @@ void cmdPerft(tokens& in) {
             printLine("info string perft depth '" + tok + "' is not a number");
             return;
         }
-        if (d < 1) {
-            printLine("info string perft depth must be at least 1");
+        if (d < 1 || d > PERFT_MAX_DEPTH) {
+            printLine("info string perft depth must be from 1 to " + std::to_string(PERFT_MAX_DEPTH));
             return;
         }
         perftDepth = d;
@@ -360,12 +343,16 @@ void cmdRtest(tokens& in) {
     stopAndWait();
     std::string path = "perft.txt";
     in >> path;
-    // Each result line goes out as soon as its test ends. The run leaves the table at
-    // 2^21 buckets whatever Hash says, deliberately.
+    // Each result line goes out as soon as its test ends.
     consoleBuf buf;
     std::ostream stream(&buf);
-    runPerftFile(path, stream);
+    int testsRun = 0;
+    runPerftFile(path, stream, &testsRun);
     stream.flush();
+    // A run that tested anything leaves a table of 2^21 buckets whatever Hash says, so
+    // that what follows a self-test does not depend on the options set before it.
+    if (testsRun > 0)
+        resizeHashTable(0x200000);
 }
 
 void cmdTexel(tokens& in) {
@@ -412,7 +399,7 @@ void cmdBench(tokens& in) {
     std::string tok;
     int depth = BENCH_DEPTH;
     if (in >> tok && (!readInt(tok, depth) || depth < 1 || depth > MAX_PLY)) {
-        printLine("info string bench depth must be a number from 1 to 127");
+        printLine("info string bench depth must be a number from 1 to " + std::to_string(MAX_PLY));
         return;
     }
     stopAndWait();
@@ -429,34 +416,21 @@ void cmdHelp() {
 
 }  // namespace
 
-void printLine(const std::string& line) { printText(line + "\n"); }
-
-void printText(const std::string& text) {
-    std::lock_guard<std::mutex> lock(outputMutex);
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
-}
-
-i64 nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 bool executeCommand(const std::string& line) {
     tokens in(line);
     std::string cmd;
     in >> cmd;
     if (cmd == "quit") {
-        theWorkForce.stopSearch = true;
+        searchSignals.stopSearch = true;
         return false;
     }
     if (cmd == "stop")
-        theWorkForce.stopSearch = true;
+        searchSignals.stopSearch = true;
     else if (cmd == "ponderhit") {
         if (theWorkForce.searchFinished)
-            theWorkForce.stopSearch = true;
+            searchSignals.stopSearch = true;
         else
-            theWorkForce.pondering = false;
+            searchSignals.pondering = false;
     } else if (cmd == "position")
         cmdPosition(in);
     else if (cmd == "go")
@@ -491,6 +465,7 @@ bool executeCommand(const std::string& line) {
 }
 
 int uciMain(int argc, char** argv) {
+    setTextSink(writeProtocolText);
     printLine(std::string(ENGINE_NAME) + ENGINE_SUFFIX);
     printLine("by Ollivark");
     printLine("");

@@ -1,13 +1,13 @@
 // "bench": a fixed set of positions searched to a fixed depth with one thread and a
 // cleared 16 MB table per position. Its node count is the engine's signature.
-#include "uci/bench.h"
+#include "engine/bench.h"
 
 #include <memory>
 
+#include "board/output.h"
+#include "engine/engine.h"
+#include "engine/workforce.h"
 #include "search/tt.h"
-#include "uci/engine.h"
-#include "uci/uci.h"
-#include "uci/workforce.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ benchResultStruct runBench(int depth, bool quiet) {
         engine.startTimeMs = nowMs();
         engine.targetTime = engine.maxTime = i64(1) << 40;
         engine.nodeCheckInterval = 4096;
-        theWorkForce.pondering = false;
+        searchSignals.pondering = false;
         theWorkForce.startSearch(*pos);
         theWorkForce.waitSearchEnd();
         result.nodes += theWorkForce.totalNodes();

@@ -1,4 +1,4 @@
-#include "uci/timeman.h"
+#include "engine/timeman.h"
 
 #include <algorithm>
 
@@ -100,8 +100,6 @@ void computeTimeBudget(engineStruct& e, int side) {
     // never plan past the remaining time less the overhead.
     e.maxTime = std::min(e.maxTime, std::max<i64>(usable, 1));
 }
-
-void computeTimeBudget() { computeTimeBudget(engine, GPSData.sideToMove); }
 
 float nextIterationFactor(int depth, int instability, float previous) {
     if (depth < 6)

@@ -5,37 +5,17 @@
 
 #include "board/makemove.h"
 #include "board/movegen.h"
+#include "board/output.h"
+#include "engine/engine.h"
+#include "engine/timeman.h"
+#include "engine/workforce.h"
+#include "search/searchparams.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
-#include "uci/engine.h"
-#include "uci/timeman.h"
-#include "uci/uci.h"
-#include "uci/workforce.h"
 
 namespace {
 
-// Aspiration widths per thread (row = thread number mod 32): column 0 is the first
-// half-width, columns 1-4 the widths after the 1st-4th failure. The rows from 3 on run
-// one place out of step and row 31 ends in 0: deliberate, they spread the threads.
-// clang-format off
-constexpr i16 aspMatrix[32][5] = {
-    {15, 35, 40, 80, 160}, {9, 24, 34, 75, 113}, {15, 35, 40, 80, 160}, {54, 69, 79, 195, 15},
-    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 12}, {27, 37, 83, 117, 51}, {66, 76, 187, 169, 15},
-    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 48}, {63, 73, 179, 165, 15},
-    {30, 40, 91, 121, 18}, {33, 43, 99, 125, 15}, {35, 40, 80, 160, 45}, {60, 70, 171, 161, 21},
-    {36, 46, 107, 129, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 42}, {57, 67, 163, 157, 15},
-    {35, 40, 80, 160, 15}, {35, 40, 80, 160, 24}, {39, 49, 115, 133, 39}, {54, 64, 155, 153, 27},
-    {42, 52, 123, 137, 15}, {35, 40, 80, 160, 15}, {35, 40, 80, 160, 36}, {51, 61, 147, 149, 15},
-    {35, 40, 80, 160, 30}, {45, 55, 131, 141, 15}, {35, 40, 80, 160, 33}, {48, 58, 139, 145, 0},
-};
-// Helper threads skip depths by these, indexed by thread number mod 16.
-constexpr int skipSize[16] = {1, 2, 2, 3, 3, 3, 4, 4, 6, 3, 2, 2, 4, 5, 3, 2};
-constexpr int skipPhase[16] = {0, 1, 0, 1, 1, 0, 0, 2, 1, 0, 1, 1, 2, 1, 1, 0};
-// clang-format on
-
 constexpr int RELAXED_REPORT_MS = 100;
-
-bool stopping() { return theWorkForce.stopSearch.load(std::memory_order_relaxed); }
 
 bool isMateInReach(int s, int d) {
     return (s >= MATE_BAND && MATE - s <= d) || (s <= -MATE_BAND && s + MATE <= d);
@@ -127,7 +107,7 @@ void worker::searchRoot() {
 
     if (isBoss) {
         if (root.inCheck && legalMoves == 0) {
-            wf.stopSearch = true;
+            searchSignals.stopSearch = true;
             printLine("info score mate 0");
             root.currentMove = root.bestMove = EMPTYMOVE;
             p->pvLength = 0;
@@ -137,7 +117,7 @@ void worker::searchRoot() {
         if (TB_LARGEST > 0 && root.castlingRights == 0 && popCount(p->occupied()) <= TB_LARGEST) {
             moveStruct m = syzygyProbeDTZ(0, p);
             if (!m.empty()) {
-                wf.stopSearch = true;
+                searchSignals.stopSearch = true;
                 m.score = p->board[m.from];
                 root.currentMove = root.bestMove = m;
                 p->pvLength = 0;
@@ -177,7 +157,7 @@ void worker::searchRoot() {
                         && ++busyOthers >= crowd)
                         break;
                 if (busyOthers >= crowd) {
-                    if (!keepGoing || d > 126 || stopping())
+                    if (!keepGoing || d > 126 || searchStopped())
                         break;
                     continue;
                 }
@@ -193,10 +173,10 @@ void worker::searchRoot() {
         int failLows = 0, failHighs = 0, reduction = 0;
         bool completed = false;
         s = prevScore;
-        while (!stopping()) {
+        while (!searchStopped()) {
             p->searchDepth = u64(std::max(1, d - reduction));
             int v = alfabeta(0, int(p->searchDepth), i16(alpha), i16(beta), p);
-            if (stopping())
+            if (searchStopped())
                 break;
             if (v <= alpha) {
                 failLows++;
@@ -213,10 +193,10 @@ void worker::searchRoot() {
                 beta = failHighs <= 4 ? v + asp[failHighs] : MATE;
             }
             if (isBoss && depthCap == 0 && failLows == 0 && !engine.infinite
-                && !wf.pondering.load(std::memory_order_relaxed)) {
+                && !searchSignals.pondering.load(std::memory_order_relaxed)) {
                 engine.elapsedMs = nowMs() - engine.startTimeMs;
                 if (double(engine.elapsedMs) > double(engine.targetTime) * factor) {
-                    wf.stopSearch = true;
+                    searchSignals.stopSearch = true;
                     break;
                 }
             }
@@ -240,19 +220,19 @@ void worker::searchRoot() {
         if (isBoss) {
             if (d >= 10) {
                 rootLine(p, d);
-                if (!stopping() && p->pvLength > 0) {
+                if (!searchStopped() && p->pvLength > 0) {
                     static_cast<boss*>(this)->ponderPair[0] = p->plyStack[0].currentMove;
                     static_cast<boss*>(this)->ponderPair[1] = p->plyStack[1].currentMove;
                 }
                 printProgress(p, s, d);
             }
-            if (!stopping() && isMateInReach(s, d)) {
+            if (!searchStopped() && isMateInReach(s, d)) {
                 if (d < 10) {
                     p->plyStack[0].currentMove = root.bestMove;  // the line is the move alone
                     p->pvLength = 0;
                 }
                 printMate(p, s, d);
-                if (!wf.pondering.load(std::memory_order_relaxed) && !engine.infinite)
+                if (!searchSignals.pondering.load(std::memory_order_relaxed) && !engine.infinite)
                     break;
             }
         }
@@ -268,13 +248,13 @@ void worker::searchRoot() {
             if (depthCap == 0) {
                 if (float(elapsed) * engine.timeScale > float(engine.targetTime) * factor)
                     wf.searchFinished = true;
-                keepGoing = wf.pondering.load(std::memory_order_relaxed) || !wf.searchFinished;
+                keepGoing = searchSignals.pondering.load(std::memory_order_relaxed) || !wf.searchFinished;
             } else if (d >= depthCap)
                 keepGoing = false;
             if (engine.infinite)
                 keepGoing = true;
         }
-        if (!keepGoing || d > 126 || stopping())
+        if (!keepGoing || d > 126 || searchStopped())
             break;
         prevScore = s;
     }
@@ -282,7 +262,7 @@ void worker::searchRoot() {
     if (isBoss)
         engine.elapsedMs = nowMs() - engine.startTimeMs;
     if (!keepGoing)
-        wf.stopSearch = true;
+        searchSignals.stopSearch = true;
 }
 
 void boss::searchRoot() {
@@ -293,9 +273,9 @@ void boss::searchRoot() {
     worker::searchRoot();
     wf.searchFinished = true;
     // A search that ended by itself while pondering or analysing holds its answer.
-    while (!stopping() && (engine.infinite || wf.pondering.load(std::memory_order_relaxed)))
+    while (!searchStopped() && (engine.infinite || searchSignals.pondering.load(std::memory_order_relaxed)))
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    wf.stopSearch = true;
+    searchSignals.stopSearch = true;
     for (size_t i = 1; i < wf.workers.size(); i++)
         wf.workers[i]->waitIdle();
 

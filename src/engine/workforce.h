@@ -15,6 +15,7 @@
 
 #include "board/position.h"
 #include "search/search.h"
+#include "search/searchlimits.h"
 
 class worker {
 public:
@@ -55,16 +56,16 @@ public:
 struct workForce {
     std::vector<std::unique_ptr<worker>> workers;
 
-    // Relaxed atomics: a stale read only delays a reaction by one poll.
-    std::atomic<bool> stopSearch{false};
-    std::atomic<bool> pondering{false};
+    // Relaxed atomics: a stale read only delays a reaction by one poll. The stop and
+    // ponder flags live with the tree search (searchSignals).
     std::atomic<bool> searchFinished{false};
     std::atomic<int> deepestReported{0};
     std::atomic<unsigned long long> tbHitsTotal{0};
 
     // Rebuilds the pool with n threads (none when n < 1), after any search has ended.
     void setNofWorkers(int n);
-    // Copies the position into every worker and wakes the boss.
+    // Hands the limits of `engine` to the tree search, copies the position into every
+    // worker and wakes the boss.
     void startSearch(const positionStruct& root);
     void waitSearchEnd();
     bool searching();

@@ -1,10 +1,10 @@
-#include "uci/workforce.h"
+#include "engine/workforce.h"
 
 #include <cstring>
 
+#include "engine/engine.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
-#include "uci/engine.h"
 
 workForce theWorkForce;
 
@@ -87,7 +87,8 @@ void workForce::clearHistories() {
 
 void workForce::startSearch(const positionStruct& root) {
     waitSearchEnd();
-    stopSearch = false;
+    searchLimits = engine;   // the tree search's part of the record
+    searchSignals.stopSearch = false;
     searchFinished = false;
     deepestReported = 0;
     advanceHashAge();
