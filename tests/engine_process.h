@@ -42,7 +42,6 @@ public:
 
     explicit engineProcess(const engineOptionsStruct& opts = {}) { start(opts); }
     engineProcess(const engineProcess&) = delete;
-    engineProcess& operator=(const engineProcess&) = delete;
     ~engineProcess() {
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);

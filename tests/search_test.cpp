@@ -4,12 +4,12 @@
 
 #include "search/movepick.h"
 #include "search/search.h"
+#include "search/searchlimits.h"
 #include "search/searchparams.h"
 #include "search/searchutil.h"
 #include "search/see.h"
 #include "search/tt.h"
 #include "test_util.h"
-#include "search/searchlimits.h"
 
 namespace {
 
@@ -121,8 +121,7 @@ TEST_F(SearchTest, RepetitionInTheLineAndInTheGame) {
         return node({"g1f3"}, 2, -INF_SCORE, INF_SCORE);
     };
     EXPECT_EQ(std::abs(afterNf3(2)), 1);
-    EXPECT_EQ(afterNf3(1), afterNf3(0)) << "one earlier occurrence is no draw";
-    EXPECT_GT(std::abs(afterNf3(0)), 1);
+    EXPECT_GT(std::abs(afterNf3(1)), 1) << "one earlier occurrence is no draw";
 }
 
 TEST_F(SearchTest, TablebaseResultsInTheTree) {

@@ -20,7 +20,7 @@
 #include "board/zobrist.h"
 #include "tablebase/tbprobe.h"
 
-// Sanitized builds run several times slower: randomised tests do this much less work there.
+// Sanitized builds run slower: randomised tests do less work there.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int TEST_WORK_DIVISOR = 4;
 #else
@@ -106,21 +106,23 @@ void randomWalk(positionStruct* pos, int plies, std::mt19937& rng, Visit visit) 
     }
 }
 
+// The placement field of a FEN from 64 characters indexed by square, '1' for empty ones.
+inline std::string placement(const std::string& board) {
+    std::string fen;
+    for (int sq = 56; sq >= 0; sq = sq % 8 == 7 ? sq - 15 : sq + 1) {
+        bool merge = board[sq] == '1' && !fen.empty() && fen.back() >= '1' && fen.back() < '8';
+        merge ? void(fen.back()++) : void(fen += board[sq]);
+        fen += sq % 8 == 7 && sq > 7 ? "/" : "";
+    }
+    return fen;
+}
+
 // The FEN of a position (rights and en-passant square of ply 0).
 inline std::string fenOf(const positionStruct* pos) {
-    std::string fen;
-    for (int rank = 7; rank >= 0; rank--) {
-        for (int file = 0, empty = 0; file < 8; file++) {
-            int pc = pos->board[8 * rank + file];
-            empty += !pc;
-            if (pc || file == 7) {
-                fen += empty ? std::string(1, char('0' + empty)) : "";
-                fen += pc ? std::string(1, fenLabelPieces[pc]) : "";
-                empty = 0;
-            }
-        }
-        fen += rank ? "/" : "";
-    }
+    std::string board(64, '1');
+    for (int sq = 0; sq < 64; sq++)
+        board[sq] = pos->board[sq] ? fenLabelPieces[pos->board[sq]] : '1';
+    std::string fen = placement(board);
     const plyStruct& p = pos->plyStack[0];
     std::string rights;
     for (int i : {0, 2, 1, 3})

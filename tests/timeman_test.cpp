@@ -1,5 +1,5 @@
-// The time budget: worked clock situations, the once-per-game usage factor, the hard
-// limit over a grid of clocks, the iteration factor and the hard-limit test.
+// The time budget: worked clock situations, the hard limit over a grid of clocks, the
+// iteration factor and the hard-limit test.
 #include <gtest/gtest.h>
 
 #include "engine/timeman.h"

@@ -10,7 +10,6 @@ namespace {
 
 constexpr u64 BUCKETS = 16384;
 
-// Keys that all fall into bucket `bucket` of a BUCKETS-bucket table.
 u64 keyIn(u64 bucket, u64 n) { return bucket + (n + 1) * BUCKETS * 7919; }
 
 struct TranspositionTable : ::testing::Test {

@@ -29,7 +29,6 @@ lines diagram(const std::vector<std::string>& ranks) {
 const lines START_BOARD = diagram({"rnbqkbnr", "pppppppp", "        ", "        ", "        ",
                                    "        ", "PPPPPPPP", "RNBQKBNR"});
 
-// An engine whose banner has been read and checked.
 struct session {
     engineProcess engine;
     explicit session(const engineOptionsStruct& opts = {}) : engine(opts) {
@@ -76,19 +75,15 @@ TEST(UciTranscript, SetOptionEchoesWithClamping) {
         // The echo comes first; a table cut down to what memory allows is noted after it.
         {"Hash value 32768",
          {hash + "32768", "info string not enough memory for a table of 32768 MB, using 256 MB"}},
-        {"Hash value 40000",
-         {hash + "262144", "info string not enough memory for a table of 262144 MB, using 256 MB"}},
         {"Threads value 0", {threads + "1"}},
         {"Threads value 300", {threads + "256"}},
         {"Ponder value true", {"info string Ponder set to : 1"}},
         {"Ponder value True", {"info string Ponder set to : 0"}},
         {"MoveOverhead value 0", {"info string MoveOverhead set to : 1"}},
-        {"MoveOverhead value 70000", {"info string MoveOverhead set to : 60000"}},
         {"MoveOverhead value 250", {"info string MoveOverhead set to : 250"}},
         {"SyzygyPath value <empty>",
          {"info string Syzygy tablebases used from directory : <empty>"}},
         {"SyzygyProbeDepth value -1", {"info string SyzygyProbeDepth set to: 0"}},
-        {"SyzygyProbeDepth value 500", {"info string SyzygyProbeDepth set to: 127"}},
         {"hash value 16", {}},  // names are compared exactly; unknown ones say nothing
         {"Move Overhead value 5", {}},
     };
@@ -145,8 +140,7 @@ TEST(UciTranscript, PositionCommand) {
 }
 
 // Bad input is refused with one "info string" line and leaves the position as it was;
-// moves are played up to the first bad one. (The FEN reader's rejections are tested in
-// process; a few here check the protocol's reply.)
+// moves are played up to the first bad one.
 TEST(UciTranscript, BadInputKeepsThePosition) {
     session s;
     s.ask("position startpos moves e2e4 c7c5");
@@ -168,24 +162,6 @@ TEST(UciTranscript, BadInputKeepsThePosition) {
                                       "     N  ", "PPPPPPPP", "RNBQKB R"}))
             << bad;
     }
-}
-
-TEST(UciTranscript, PerftCommandKeepsItsDepth) {
-    session s;
-    auto first = s.ask("perft 3");
-    ASSERT_EQ(first.size(), 19u);
-    EXPECT_EQ(lines(first.begin(), first.begin() + 17), START_BOARD);
-    EXPECT_NE(first[17].find(" ns and "), std::string::npos) << first[17];
-    EXPECT_EQ(first[18].rfind("Perft results for depth: 3  8902  Nodes per sec: ", 0), 0u)
-        << first[18];
-    // Refused depths leave the last one in force.
-    for (const char* depth : {"0", "-2", "128", "300", "2147483648"})
-        EXPECT_EQ(s.ask(std::string("perft ") + depth),
-                  (lines{"info string perft depth must be from 1 to 127"}));
-    EXPECT_EQ(s.ask("perft two"), (lines{"info string perft depth 'two' is not a number"}));
-    auto again = s.ask("perft");
-    ASSERT_EQ(again.size(), 19u);
-    EXPECT_EQ(again[18].rfind("Perft results for depth: 3  8902  ", 0), 0u) << again[18];
 }
 
 TEST(UciTranscript, RtestReadsAFile) {

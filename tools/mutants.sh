@@ -2,8 +2,8 @@
 # Plants one-line faults in the engine, one at a time, and checks that "make test" catches
 # each: every mutant is an exact, unique line of a source file replaced by a faulty one
 # (the script stops loudly when a line is no longer found, so the list cannot rot), built
-# in its own folder (build-mutants, never build/), tested with ctest stopping at the first
-# failure, and the file restored (also on Ctrl-C). Prints a table: mutant, file, caught or
+# in its own folder (build-mutants, never build/), tested with the whole ctest suite (quick
+# tests first, stopping at the first failure), and the file restored (also on Ctrl-C). Prints a table: mutant, file, caught or
 # NOT CAUGHT, and the failing test. Exit status 0 only when every mutant was caught.
 #
 #   tools/mutants.sh                 all mutants
@@ -30,16 +30,16 @@ mated-score	src/search/alphabeta.cpp	        return short(inCheck ? ply - MATE :
 repetition	src/search/alphabeta.cpp	        if (isRepetition(pos, ply))	        if (false && isRepetition(pos, ply))
 fifty-moves	src/search/alphabeta.cpp	    if (pos->halfMoveClock > 99)	    if (pos->halfMoveClock > 100)
 tb-score-in-tree	src/search/alphabeta.cpp	                    const int score = ply - TB_WIN;	                    const int score = ply + 1 - TB_WIN;
-moves-to-go	src/uci/timeman.cpp	         : gamePly < 51                ? 22	         : gamePly < 51                ? 25
-unknown-ply	src/uci/timeman.cpp	constexpr double UNKNOWN_PLY_BONUS = 1.4;     // position given by FEN: no game history	constexpr double UNKNOWN_PLY_BONUS = 1.5;     // position given by FEN: no game history
-infinite-clock	src/uci/timeman.h	    return !pondering && !e.infinite && nowMs() - e.startTimeMs >= e.maxTime;	    return !pondering && nowMs() - e.startTimeMs >= e.maxTime;
+moves-to-go	src/engine/timeman.cpp	         : gamePly < 51                ? 22	         : gamePly < 51                ? 25
+unknown-ply	src/engine/timeman.cpp	constexpr double UNKNOWN_PLY_BONUS = 1.4;     // position given by FEN: no game history	constexpr double UNKNOWN_PLY_BONUS = 1.5;     // position given by FEN: no game history
+infinite-clock	src/search/searchlimits.h	    return !pondering && !l.infinite && nowMs() - l.startTimeMs >= l.maxTime;	    return !pondering && nowMs() - l.startTimeMs >= l.maxTime;
 dtz-off-by-one	src/tablebase/tbprobe.cpp	    int dtz = 1 + probe_dtz_table(p, wdl, success);	    int dtz = probe_dtz_table(p, wdl, success);
 dtz-rounding	src/tablebase/tbprobe.cpp	    if (!(d.flags & pa_flags[wdl + 2]) || (wdl & 1))	    if (!(d.flags & pa_flags[wdl + 2]))
 wdl-table	src/tablebase/tbprobe.cpp	const int wdl_to_dtz[5] = {-1, -101, 0, 101, 1};	const int wdl_to_dtz[5] = {-1, -101, 0, 1, 101};
 hash-clamp	src/uci/uci.cpp	        v = v < 1 ? 1 : v > 32768 ? 262144 : v;	        v = v < 1 ? 1 : v > 32767 ? 262144 : v;
 threads-clamp	src/uci/uci.cpp	        if (numeric(1, 256, v)) {	        if (numeric(1, 255, v)) {
 ponder-echo	src/uci/uci.cpp	        printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "1" : "0"));	        printLine(std::string("info string Ponder set to : ") + (engine.ponderOption ? "0" : "1"));
-ponder-move-side	src/uci/rootsearch.cpp	        line += " ponder " + moveToLA(&reply, p->sideToMove ^ 1);	        line += " ponder " + moveToLA(&best, p->sideToMove ^ 1);
+ponder-move-side	src/engine/rootsearch.cpp	        line += " ponder " + moveToLA(&reply, p->sideToMove ^ 1);	        line += " ponder " + moveToLA(&best, p->sideToMove ^ 1);
 EOF
 
 # Every file a mutant touches is saved first and put back on any exit.
@@ -95,8 +95,16 @@ while IFS=$'\t' read -r name file original faulty; do
         exit 2
     fi
     log="$build/mutant-$name.log"
-    ctest --test-dir "$build" -j"$jobs" --stop-on-failure --output-on-failure --timeout 300 > "$log" 2>&1
+    # The whole suite, the quick tests first so that most faults show within seconds.
+    slow='Perft|BenchSignature|EngineClock'
+    ctest --test-dir "$build" -j"$jobs" -E "$slow" --stop-on-failure --output-on-failure \
+        --timeout 300 > "$log" 2>&1
     rc=$?
+    if [ "$rc" -eq 0 ]; then
+        ctest --test-dir "$build" -j"$jobs" -R "$slow" --stop-on-failure --output-on-failure \
+            --timeout 300 >> "$log" 2>&1
+        rc=$?
+    fi
     restore
     caught=$(sed -n 's/^ *[0-9]*\/[0-9]* Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$log" | head -3 | paste -sd, -)
     if [ "$rc" -ne 0 ]; then
