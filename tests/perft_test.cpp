@@ -4,6 +4,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "board/makemove.h"
+#include "board/movegen.h"
 #include "board/perft.h"
 #include "test_util.h"
 
@@ -46,6 +48,40 @@ TEST(Perft, ReferenceFile) {
         pos.set(c.fen);
         EXPECT_EQ(perft(0, c.depth, pos.get()), c.expected) << c.fen << " depth " << c.depth;
     }
+}
+
+// The same count through the search's generators, its legality test and make/take-back.
+u64 perftBySearchMoves(int ply, int depth, positionStruct* pos) {
+    setInCheck(u8(ply), pos);
+    plyStruct& ps = pos->plyStack[ply];
+    generateMovesLegal(u8(ply), ps.moveListBegin, pos);
+    moveStruct *begin = ps.moveListBegin, *end = ps.moveListEnd;
+    if (depth == 1)
+        return u64(end - begin);
+    u64 nodes = 0;
+    for (moveStruct* m = begin; m < end; m++) {
+        makeMove(pos, ply, *m);
+        nodes += perftBySearchMoves(ply + 1, depth - 1, pos);
+        takeBack(pos, ply, *m);
+    }
+    return nodes;
+}
+
+// Perft has a generator of its own; the search's generators answer to the same file (the
+// largest cases aside, to keep the suite quick).
+TEST(Perft, ReferenceFileThroughSearchGenerators) {
+    REQUIRE_DATA("perft.txt");
+    testPosition pos;
+    int run = 0;
+    for (const auto& c : loadCases()) {
+        if (c.expected > 25000000)
+            continue;
+        pos.set(c.fen);
+        EXPECT_EQ(perftBySearchMoves(0, c.depth, pos.get()), c.expected)
+            << c.fen << " depth " << c.depth;
+        run++;
+    }
+    EXPECT_GE(run, 40);
 }
 
 TEST(Perft, StartPosition) {

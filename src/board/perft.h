@@ -6,8 +6,8 @@
 
 #include "board/position.h"
 
-// Counts the leaves `depth` plies below pos (depth >= 1). pos's ply-0 move list must be
-// bound to a move buffer.
+// Counts the leaves `depth` plies below pos (depth >= 1), with the rights and en-passant
+// square of record `ply`. pos is only read; it needs no move buffer.
 u64 perft(u8 ply, int depth, positionStruct* pos);
 
 // Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"
