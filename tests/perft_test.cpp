@@ -3,27 +3,58 @@
 // up to that many nodes run; the section after the "full" marker never does here.
 #include <cstdlib>
 
+#include "board/makemove.h"
+#include "board/movegen.h"
 #include "board/perft.h"
 #include "test_util.h"
 
+namespace {
+
+// The same count through the search's generators, its legality test and make/take-back.
+u64 perftBySearchMoves(int ply, int depth, positionStruct* pos) {
+    setInCheck(u8(ply), pos);
+    plyStruct& ps = pos->plyStack[ply];
+    generateMovesLegal(u8(ply), ps.moveListBegin, pos);
+    moveStruct *begin = ps.moveListBegin, *end = ps.moveListEnd;
+    if (depth == 1)
+        return u64(end - begin);
+    u64 nodes = 0;
+    for (moveStruct* m = begin; m < end; m++) {
+        makeMove(pos, ply, *m);
+        nodes += perftBySearchMoves(ply + 1, depth - 1, pos);
+        takeBack(pos, ply, *m);
+    }
+    return nodes;
+}
+
+}  // namespace
+
+// Perft has a generator of its own; the search's generators answer to the same file (the
+// largest cases aside, to keep the suite quick).
 TEST(Perft, ReferenceFile) {
     REQUIRE_DATA("perft.txt");
     const char* limitText = std::getenv("QUORVANE_PERFT_LIMIT");
     const u64 limit = limitText ? std::strtoull(limitText, nullptr, 10) : ~0ULL;
     std::ifstream in(dataPath("perft.txt"));
     testPosition pos;
-    int run = 0;
+    int run = 0, bySearch = 0;
     for (std::string line; std::getline(in, line) && line != "full";) {
         std::istringstream s(line);
         std::string fen, depth, count;
         std::getline(s, fen, ';');
         std::getline(s, depth, ';');
         std::getline(s, count, ';');
-        if (std::stoull(count) > limit)
+        const u64 expected = std::stoull(count);
+        if (expected > limit)
             continue;
         pos.set(fen);
-        EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), std::stoull(count)) << line;
+        EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), expected) << line;
         run++;
+        if (expected <= std::min<u64>(limit, 25000000)) {
+            EXPECT_EQ(perftBySearchMoves(0, std::stoi(depth), pos.get()), expected) << line;
+            bySearch++;
+        }
     }
     EXPECT_GT(run, 10);
+    EXPECT_GT(bySearch, 10);
 }

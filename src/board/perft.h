@@ -9,8 +9,8 @@
 // The deepest perft the ply records and the move buffer hold; deeper requests are refused.
 constexpr int PERFT_MAX_DEPTH = MAX_PLY;
 
-// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH). pos's ply-0 move list must be
-// bound to a move buffer.
+// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH), with the rights and en-passant
+// square of record `ply`. pos is only read; it needs no move buffer.
 u64 perft(u8 ply, int depth, positionStruct* pos);
 
 // Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"

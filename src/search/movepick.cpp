@@ -12,6 +12,23 @@ namespace {
 
 constexpr int MAX_LIST = 384;   // longest list a generator can write
 
+// The row of continuation table back - 1 chosen by the move made `back` plies above ply;
+// null when there is none (the root's parents, a null move).
+const i16* contHistRow(const positionStruct* pos, int ply, int back) {
+    if (ply < back)
+        return nullptr;
+    const moveStruct prev = pos->plyStack[ply - back].currentMove;
+    if (prev.empty())
+        return nullptr;
+    return pos->contHist[back - 1] + contHistIndex(prev.score, prev.to) * CONT_HIST_SIDE;
+}
+
+inline int historyOf(const positionStruct* pos, const i16* row1, const i16* row2, int piece,
+                     int to) {
+    const int idx = contHistIndex(piece, to);
+    return pos->mainHistory[piece][to] + (row1 ? row1[idx] : 0) + (row2 ? row2[idx] : 0);
+}
+
 bool isPromotionType(int type) {
     return type == MT_PROMO_N || type == MT_PROMO_B || type == MT_PROMO_R || type == MT_PROMO_Q;
 }
@@ -46,9 +63,11 @@ void generateQuietsSorted(movePickerStruct& mp) {
     moveStruct* first = mp.capturesEnd;
     const int count = int(ps.moveListEnd - first);
     int keys[MAX_LIST];
+    const i16* row1 = contHistRow(pos, mp.ply, 1);
+    const i16* row2 = contHistRow(pos, mp.ply, 2);
     for (int i = 0; i < count; i++) {
         moveStruct m = first[i];
-        int key = quietHistory(pos, mp.ply, m, pos->board[m.from]);
+        int key = historyOf(pos, row1, row2, pos->board[m.from], m.to);
         int j = i;
         for (; j > 0 && keys[j - 1] < key; j--) {
             keys[j] = keys[j - 1];
@@ -169,19 +188,7 @@ bool givesCheck(const positionStruct* pos, moveStruct m) {
 }
 
 int quietHistory(const positionStruct* pos, u8 ply, moveStruct m, int piece) {
-    int score = pos->mainHistory[piece][m.to];
-    const int idx = contHistIndex(piece, m.to);
-    if (ply >= 1) {
-        moveStruct prev = pos->plyStack[ply - 1].currentMove;
-        if (!prev.empty())
-            score += pos->contHist[0][contHistIndex(prev.score, prev.to) * CONT_HIST_SIDE + idx];
-    }
-    if (ply >= 2) {
-        moveStruct prev = pos->plyStack[ply - 2].currentMove;
-        if (!prev.empty())
-            score += pos->contHist[1][contHistIndex(prev.score, prev.to) * CONT_HIST_SIDE + idx];
-    }
-    return score;
+    return historyOf(pos, contHistRow(pos, ply, 1), contHistRow(pos, ply, 2), piece, m.to);
 }
 
 void initMovePicker(movePickerStruct& mp, positionStruct* pos, u8 ply, moveStruct hashMove) {
