@@ -171,33 +171,6 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
     EXPECT_GT(checked, 10000 / TEST_WORK_DIVISOR);
 }
 
-TEST(Castling, RightsAfterAMove) {
-    const char* const both = "r3k2r/8/8/8/8/8/8/R3K2R w KQkq - 0 1";
-    const struct {
-        const char* fen;
-        const char* move;
-        const char* rights;
-    } after[] = {
-        {"r3k2r/8/8/8/8/8/1B6/R3K2R w KQkq - 0 1", "b2h8", "KQq"},  // rook on h8 taken
-        {both, "a1a8", "Kk"},                                       // both corners empty
-        {"r3k2r/8/8/8/8/8/6b1/R3K2R b KQkq - 0 1", "g2h1", "Qkq"},
-        {both, "e1g1", "kq"},
-        {both, "h1h2", "Qkq"},
-        {"r3k2r/8/8/8/8/8/8/R3K2R b KQkq - 0 1", "a8a7", "KQk"},
-        {"r3k2r/8/8/8/8/8/8/R2RK2R w KQkq - 0 1", "d1d2", "KQkq"},  // rook off a corner
-    };
-    for (const auto& c : after) {
-        testPosition pos(c.fen);
-        moveStruct m = findMove(pos.get(), c.move);
-        ASSERT_FALSE(m.empty()) << c.fen << " " << c.move;
-        makeMove(pos.get(), 0, m);
-        expectConsistent(pos.get(), 1, c.move);
-        testPosition expected(std::string("r3k2r/8/8/8/8/8/8/R3K2R w ") + c.rights + " - 0 1");
-        EXPECT_EQ(pos->plyStack[1].castlingRights, expected->plyStack[0].castlingRights)
-            << c.fen << " " << c.move;
-    }
-}
-
 TEST(Fen, RejectedInputs) {
     initTables();
     for (const char* fen :

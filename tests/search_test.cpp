@@ -97,7 +97,7 @@ TEST_F(SearchTest, MateStalemateFiftyMovesAndBareMinors) {
         EXPECT_EQ(node({"a1a8"}, 3, -INF_SCORE, INF_SCORE), 1 - MATE) << clock;
         EXPECT_EQ(quiescence(1, 0, -INF_SCORE, INF_SCORE, tp.get()), 1 - MATE) << clock;
     }
-    EXPECT_EQ(search("8/8/8/4k3/8/8/8/KQ6 w - - 100 80", 4).score, 0);
+    EXPECT_EQ(search("8/8/8/4k3/8/8/8/KQ6 w - - 100 80", 1).score, 0);  // children in quiescence
     for (const char* fen : {"8/8/4k3/8/8/3BK3/8/8 w - - 0 1", "8/2n5/4k3/8/8/3BK3/8/8 w - - 0 1"})
         EXPECT_EQ(search(fen, 5).score, 0) << fen;
     EXPECT_GT(search("8/8/4k3/8/8/3RK3/8/8 w - - 0 1", 5).score, 300);

@@ -34,7 +34,7 @@ moves-to-go	src/engine/timeman.cpp	         : gamePly < 51                ? 22	 
 unknown-ply	src/engine/timeman.cpp	constexpr double UNKNOWN_PLY_BONUS = 1.4;     // position given by FEN: no game history	constexpr double UNKNOWN_PLY_BONUS = 1.5;     // position given by FEN: no game history
 infinite-clock	src/search/searchlimits.h	    return !pondering && !l.infinite && nowMs() - l.startTimeMs >= l.maxTime;	    return !pondering && nowMs() - l.startTimeMs >= l.maxTime;
 dtz-off-by-one	src/tablebase/tbprobe.cpp	    int dtz = 1 + probe_dtz_table(p, wdl, success);	    int dtz = probe_dtz_table(p, wdl, success);
-dtz-rounding	src/tablebase/tbprobe.cpp	    if (!(d.flags & pa_flags[wdl + 2]) || (wdl & 1))	    if (!(d.flags & pa_flags[wdl + 2]))
+dtz-doubling	src/tablebase/tbprobe.cpp	    if (!(d.flags & pa_flags[wdl + 2]) || (wdl & 1))	    if ((d.flags & pa_flags[wdl + 2]) || (wdl & 1))
 wdl-table	src/tablebase/tbprobe.cpp	const int wdl_to_dtz[5] = {-1, -101, 0, 101, 1};	const int wdl_to_dtz[5] = {-1, -101, 0, 1, 101};
 hash-clamp	src/uci/uci.cpp	        v = v < 1 ? 1 : v > 32768 ? 262144 : v;	        v = v < 1 ? 1 : v > 32767 ? 262144 : v;
 threads-clamp	src/uci/uci.cpp	        if (numeric(1, 256, v)) {	        if (numeric(1, 255, v)) {
