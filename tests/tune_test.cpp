@@ -38,7 +38,8 @@ std::map<std::string, pairs> tablesOf(const std::string& text) {
     return tables;
 }
 
-// The halves our design gives, which no tuning may touch: [0] middlegame, [1] endgame.
+// The hand-set halves the tables are built around; no tuning run may touch them.
+// [0] middlegame, [1] endgame.
 bool isGiven(const std::string& table, int i, int half) {
     if (table == "pieceSquareScore") {
         const int piece = i / 64, e = i % 64;
