@@ -157,7 +157,8 @@ TEST(EngineSearch, BenchSignatureAsRecorded) {
 }
 
 // A GUI-driven game against itself: the clocks, kept by the test, never run out.
-// Sanitizer builds think slower: their clock, increment and overhead are stretched alike.
+// Sanitizer builds think slower: their clock, increment and overhead are stretched alike,
+// and they play the first 80 plies only (one whole moves-to-go cycle).
 void playClockGame(bool movesToGo) {
     engineProcess e;
     prepare(e);
@@ -167,7 +168,8 @@ void playClockGame(bool movesToGo) {
     i64 clock[2] = {2000 * ENGINE_TIME_SCALE, 2000 * ENGINE_TIME_SCALE};
     const i64 inc = 20 * ENGINE_TIME_SCALE;
     std::string moves, history;
-    for (int ply = 0; ply < 160; ply++) {
+    const int plies = ENGINE_TIME_SCALE > 1 ? 80 : 160;
+    for (int ply = 0; ply < plies; ply++) {
         const int side = ply & 1;
         e.send(moves.empty() ? std::string("position startpos")
                              : "position startpos moves" + moves);

@@ -27,7 +27,6 @@
 #include <iostream>
 #include <memory>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -41,6 +40,7 @@
 #include "search/search.h"
 #include "search/tt.h"
 #include "tuning/texel.h"
+#include "tuning/weightsfile.h"
 
 namespace {
 
@@ -557,8 +557,6 @@ void tuner::train() {
     report(opt.epochs, elapsed(), true);
 }
 
-const std::regex PAIR(R"(S\(\s*(-?\d+),\s*(-?\d+)\))");
-
 bool readFile(const std::string& path, std::string& text) {
     std::ifstream in(path);
     if (!in) {
@@ -592,12 +590,11 @@ bool tuner::readStart() {
         size_t from, to;
         if (!findTable(text, t, opt.from, from, to))
             return false;
-        const std::string body = text.substr(from, to - from);
+        const auto pairs = weightPairsIn(text, from, to);
         int i = 0;
-        for (auto it = std::sregex_iterator(body.begin(), body.end(), PAIR);
-             it != std::sregex_iterator() && i < t.size; ++it, ++i) {
-            start[t.base + i][0] = std::stoi((*it)[1]);
-            start[t.base + i][1] = std::stoi((*it)[2]);
+        for (; i < t.size && i < int(pairs.size()); i++) {
+            start[t.base + i][0] = pairs[size_t(i)].mg;
+            start[t.base + i][1] = pairs[size_t(i)].eg;
         }
         if (i != t.size) {
             std::fprintf(stderr, "%s: too few pairs in %s\n", t.name, opt.from.c_str());
@@ -620,25 +617,25 @@ bool tuner::write() const {
         size_t from, to;
         if (!findTable(text, t, opt.weights, from, to))
             return false;
-        std::string body = text.substr(from, to - from), out;
-        int i = 0;
-        auto it = std::sregex_iterator(body.begin(), body.end(), PAIR);
-        size_t last = 0;
-        for (; it != std::sregex_iterator(); ++it, ++i) {
-            if (i >= t.size)
-                return false;
+        const auto pairs = weightPairsIn(text, from, to);
+        const int i = int(pairs.size());
+        if (i > t.size)
+            return false;
+        std::string out;
+        size_t last = from;
+        for (int j = 0; j < i; j++) {
             char buf[32];
-            std::snprintf(buf, sizeof buf, "S(%3ld,%3ld)", std::lround(param[t.base + i][0]),
-                          std::lround(param[t.base + i][1]));
-            out += body.substr(last, size_t(it->position()) - last) + buf;
-            last = size_t(it->position() + it->length());
+            std::snprintf(buf, sizeof buf, "S(%3ld,%3ld)", std::lround(param[t.base + j][0]),
+                          std::lround(param[t.base + j][1]));
+            out += text.substr(last, pairs[size_t(j)].at - last) + buf;
+            last = pairs[size_t(j)].at + pairs[size_t(j)].length;
         }
         if (i != t.size) {
             std::fprintf(stderr, "%s: %d pairs in %s, expected %d\n", t.name, i,
                          opt.weights.c_str(), t.size);
             return false;
         }
-        out += body.substr(last);
+        out += text.substr(last, to - last);
         text.replace(from, to - from, out);
     }
     const std::string path = opt.out.empty() ? opt.weights : opt.out;
