@@ -158,7 +158,7 @@ TEST(EngineSearch, BenchSignatureAsRecorded) {
 
 // A GUI-driven game against itself: the clocks, kept by the test, never run out.
 // Sanitizer builds think slower: their clock, increment and overhead are stretched alike,
-// and they play the first 80 plies only (one whole moves-to-go cycle).
+// and they play the first 40 plies only: enough moves for their memory and race checks.
 void playClockGame(bool movesToGo) {
     engineProcess e;
     prepare(e);
@@ -168,7 +168,7 @@ void playClockGame(bool movesToGo) {
     i64 clock[2] = {2000 * ENGINE_TIME_SCALE, 2000 * ENGINE_TIME_SCALE};
     const i64 inc = 20 * ENGINE_TIME_SCALE;
     std::string moves, history;
-    const int plies = ENGINE_TIME_SCALE > 1 ? 80 : 160;
+    const int plies = ENGINE_TIME_SCALE > 1 ? 40 : 160;
     for (int ply = 0; ply < plies; ply++) {
         const int side = ply & 1;
         e.send(moves.empty() ? std::string("position startpos")
