@@ -130,8 +130,14 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
             const u8 side = pos->sideToMove;
             const i16 gamePly = pos->gamePly, clock = pos->halfMoveClock;  // a null move keeps both
             // Every move makes and takes back cleanly at some plies, the chosen one at all.
+            // The prefetch key is exact for ordinary moves and captures that keep the rights.
             auto tryMove = [&](const moveStruct& m) {
+                const u64 guess = keyAfter(pos.get(), ply, m);
+                const u8 rights = pos->plyStack[ply].castlingRights;
                 makeMove(pos.get(), ply, m);
+                if (m.type == MT_NORMAL && pos->plyStack[ply + 1].castlingRights == rights) {
+                    EXPECT_EQ(guess, pos->hashKey) << where << " " << moveToLA(&m, side);
+                }
                 expectConsistent(pos.get(), ply + 1, where + " after " + moveToLA(&m, side));
                 takeBack(pos.get(), ply, m);
                 ASSERT_TRUE(snapshot(pos.get()) == before) << where << " " << moveToLA(&m, side);

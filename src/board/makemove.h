@@ -37,6 +37,19 @@ inline void togglePiece(positionStruct* pos, int pc, int sq) {
 
 }  // namespace moveDetail
 
+// The key after m for ordinary moves and captures, computed without making it: the table
+// entry of the child can then be fetched while the move is made. Castling, promotions,
+// en passant, double steps and lost castling rights give a different key, which costs
+// only a wasted prefetch.
+inline u64 keyAfter(const positionStruct* pos, int ply, moveStruct m) {
+    const int piece = pos->board[m.from], captured = pos->board[m.to];
+    u64 key = pos->hashKey ^ hashCodeBlackToMove ^ hashCodePiece[piece][m.from]
+            ^ hashCodePiece[piece][m.to] ^ hashCodePiece[captured][m.to];
+    if (const int ep = pos->plyStack[ply].enPassantSquare)
+        key ^= hashCodeEnpassant[fileOf(ep)];
+    return key;
+}
+
 // Makes move m found at ply `ply`; the next ply's record receives the undo information.
 inline void makeMove(positionStruct* pos, int ply, moveStruct m) {
     using namespace moveDetail;

@@ -130,6 +130,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             return short(ttScore);
     }
     ps.hashMove = moveStruct::unpack(hashMove(entry));
+    if (!ps.hashMove.empty())   // usually searched first, after the pruning below
+        prefetchHash(keyAfter(pos, ply, ps.hashMove));
 
     // Step 6. Tablebases, right after a capture or pawn move with no castling left.
     if (ply > 0 && TB_LARGEST > 0 && pos->halfMoveClock == 0 && ps.castlingRights == 0) {
@@ -281,6 +283,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                 continue;
         }
 
+        prefetchHash(keyAfter(pos, ply, m));   // the child probes first thing
         const int idx = contHistIndex(piece, m.to);
         const int mainHist = pos->mainHistory[piece][m.to];
         const int cont1 = row1 >= 0 ? pos->contHist[0][row1 + idx] : 0;
@@ -288,7 +291,6 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
         ps.currentMove = m;
         makeMove(pos, ply, m);
-        prefetchHash(pos->hashKey);   // the child probes first thing
         child.inCheck = inCheckNow(pos);
 
         // A move both continuation histories rate highly is searched a ply deeper.

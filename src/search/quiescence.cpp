@@ -70,6 +70,8 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
     else
         generateMovesCaptures(ply, first, pos);
     moveStruct* const end = ps.moveListEnd;
+    for (moveStruct* m = first; m < end; m++)   // their table entries load meanwhile
+        prefetchHash(keyAfter(pos, ply, *m));
 
     // Step 9. Best-first by the ordering byte; near the horizon captures that lose
     // material by the exchange (every x-ray of both sides counted) are dropped. An empty
@@ -91,7 +93,6 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
         // Step 11. Search the move: the first with the full window, the others with a
         // null window first and again with the full one when they land inside it.
         makeMove(pos, ply, m);
-        prefetchHash(pos->hashKey);   // the child probes first thing
         child.inCheck = inCheckNow(pos);
         int score;
         if (searched == 0) {
