@@ -180,11 +180,7 @@ bool givesCheck(const positionStruct* pos, moveStruct m) {
     }
     if (direct)
         return true;
-    // A slider of ours uncovered by the move: only a square that the move empties and that
-    // lies on a line through the enemy king can uncover one.
-    const bitboard emptied = m.type == MT_ENPASSANT ? bb(m.from) | bb(m.to) : bb(m.from);
-    if (!(emptied & (bishopAttackAll[ksq] | rookAttackAll[ksq])))
-        return false;
+    // A slider of ours uncovered by the move.
     const bitboard stay = ~bb(m.from);
     return ((bishopAttacks(ksq, occ) & (b[WBISHOP + us] | b[WQUEEN + us]) & stay)
             | (rookAttacks(ksq, occ) & (b[WROOK + us] | b[WQUEEN + us]) & stay))
