@@ -126,4 +126,38 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     EXPECT_GT(moved, 20) << "the run must have changed open values";
 }
 
+// Games to labelled positions: SAN with en passant, promotion, disambiguation and
+// castling; positions before captures, promotions and repeated positions left out; the
+// en-passant field only where a pawn can take; games without a result skipped.
+TEST(Tuner, GamesBecomeLabelledPositions) {
+    const std::string dir = testing::TempDir();
+    const std::string pgn = dir + "pgn2epd.pgn", epd = dir + "pgn2epd.epd", log = dir + "pgn2epd.txt";
+    std::ofstream(pgn) << "[Event \"a\"]\n[Result \"1-0\"]\n\n"
+                          "1. e4 {+0.30/10 0.1s} d5 2. e5 f5 3. exf6 Nc6 4. fxg7 Nf6\n5. gxh8=Q+ 1-0\n\n"
+                          "[Event \"b\"]\n[Result \"0-1\"]\n\n"
+                          "1. e4 d5 2. e5 f5 3. Nf3 Nf6 4. Be2 Nbd7 5. O-O 0-1\n\n"
+                          "[Event \"c\"]\n[Result \"*\"]\n\n1. d4 *\n\n"
+                          "[Event \"d\"]\n[Result \"1-0\"]\n\n1. c4 Qh4 1-0\n";
+    const std::string command = std::string(QUORVANE_PGN2EPD_BINARY) + " --skip 0 " + pgn + " > "
+                                + epd + " 2> " + log;
+    ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
+    const char* const expected =
+        "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - c9 \"1-0\";\n"
+        "rnbqkbnr/pppppppp/8/8/4P3/8/PPPP1PPP/RNBQKBNR b KQkq - c9 \"1-0\";\n"
+        "rnbqkbnr/ppp1pppp/8/3p4/4P3/8/PPPP1PPP/RNBQKBNR w KQkq - c9 \"1-0\";\n"
+        "rnbqkbnr/ppp1pppp/8/3pP3/8/8/PPPP1PPP/RNBQKBNR b KQkq - c9 \"1-0\";\n"
+        "rnbqkbnr/ppp1p1pp/5P2/3p4/8/8/PPPP1PPP/RNBQKBNR b KQkq - c9 \"1-0\";\n"
+        "r1bqkbnr/ppp1p1Pp/2n5/3p4/8/8/PPPP1PPP/RNBQKBNR b KQkq - c9 \"1-0\";\n"
+        "rnbqkbnr/ppp1p1pp/8/3pPp2/8/8/PPPP1PPP/RNBQKBNR w KQkq f6 c9 \"0-1\";\n"
+        "rnbqkbnr/ppp1p1pp/8/3pPp2/8/5N2/PPPP1PPP/RNBQKB1R b KQkq - c9 \"0-1\";\n"
+        "rnbqkb1r/ppp1p1pp/5n2/3pPp2/8/5N2/PPPP1PPP/RNBQKB1R w KQkq - c9 \"0-1\";\n"
+        "rnbqkb1r/ppp1p1pp/5n2/3pPp2/8/5N2/PPPPBPPP/RNBQK2R b KQkq - c9 \"0-1\";\n"
+        "r1bqkb1r/pppnp1pp/5n2/3pPp2/8/5N2/PPPPBPPP/RNBQK2R w KQkq - c9 \"0-1\";\n";
+    EXPECT_EQ(readFile(epd), expected);
+    const std::string report = readFile(log);
+    EXPECT_NE(report.find("cannot read move Qh4"), std::string::npos) << report;
+    EXPECT_NE(report.find("4 games read, 3 used, 11 positions written, 1 games with unreadable moves"),
+              std::string::npos) << report;
+}
+
 }  // namespace
