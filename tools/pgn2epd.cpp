@@ -12,6 +12,7 @@
 // moves could not be read (each named with the first move that failed).
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -90,15 +91,10 @@ bool readGame(std::istream& in, game& g) {
     return seen;
 }
 
+// The piece kind of a SAN piece letter (N, B, R, Q, K); 0 for anything else.
 int pieceOfLetter(char c) {
-    switch (c) {
-        case 'N': return KNIGHT;
-        case 'B': return BISHOP;
-        case 'R': return ROOK;
-        case 'Q': return QUEEN;
-        case 'K': return KING;
-        default: return 0;
-    }
+    const char* at = c >= 'B' && c <= 'R' ? std::strchr(promotionPieces + 2, c - 'A' + 'a') : nullptr;
+    return at && *at ? int(at - promotionPieces) : 0;
 }
 
 // The legal move a SAN token names, or an empty move when it names none or several.
