@@ -93,8 +93,10 @@ bool readGame(std::istream& in, game& g) {
 
 // The piece kind of a SAN piece letter (N, B, R, Q, K); 0 for anything else.
 int pieceOfLetter(char c) {
-    const char* at = c >= 'B' && c <= 'R' ? std::strchr(promotionPieces + 2, c - 'A' + 'a') : nullptr;
-    return at && *at ? int(at - promotionPieces) : 0;
+    if (!std::isupper(static_cast<unsigned char>(c)))
+        return 0;
+    const char* at = std::strchr(promotionPieces + KNIGHT, std::tolower(static_cast<unsigned char>(c)));
+    return at ? int(at - promotionPieces) : 0;
 }
 
 // The legal move a SAN token names, or an empty move when it names none or several.
