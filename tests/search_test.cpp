@@ -104,6 +104,25 @@ TEST_F(SearchTest, MateStalemateFiftyMovesAndBareMinors) {
     EXPECT_GT(search("8/8/4k3/8/8/3BK3/3P4/8 w - - 0 1", 5).score, 50);
 }
 
+// Below quiescence depth -4 only recaptures are searched: the queen on d5 falls there
+// only when the last move went to d5; at depth -4 any capture is searched.
+TEST_F(SearchTest, DeepQuiescenceSearchesOnlyRecaptures) {
+    const std::pair<const char*, const char*> lines[] = {
+        {"4k3/8/8/8/8/8/q7/3RK3 b - - 0 1", "a2d5"},
+        {"4k3/8/8/3q4/8/8/8/3RK3 b - - 0 1", "e8f8"},
+    };
+    for (const auto& [fen, last] : lines)
+        for (int depth : {-4, -5}) {
+            positionStruct* pos = load(fen);
+            moveStruct m = findMove(pos, last, 0);
+            pos->plyStack[0].currentMove = m;
+            makeMove(pos, 0, m);
+            setInCheck(1, pos);
+            const bool takes = depth == -4 || std::string(last) == "a2d5";
+            EXPECT_EQ(quiescence(1, depth, -INF_SCORE, INF_SCORE, pos) > 0, takes) << last << " " << depth;
+        }
+}
+
 // The knights' round trip: inside the search line one repetition is a draw; before the
 // root it takes two earlier occurrences.
 TEST_F(SearchTest, RepetitionInTheLineAndInTheGame) {

@@ -3,8 +3,9 @@
 // table but never writes it, and it neither looks at the clock nor at the stop flag:
 // a stopped search finishes its quiescence subtrees and the node search above returns.
 //
-// Below depth -4 the same captures are generated, only without the exchange filter; a
-// capture the filter passes over is dropped, not searched later.
+// Below depth -4 only recaptures are searched (captures on the square the last move went
+// to), without the exchange filter: the exchange under way is played out, and no new
+// one starts that deep. A capture the filter passes over is dropped, not searched later.
 #include <algorithm>
 
 #include "board/makemove.h"
@@ -77,11 +78,15 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
     // material by the exchange (every x-ray of both sides counted) are dropped. An empty
     // list returns the stand pat (or mated).
     const bool exchangeFilter = !inCheck && depth >= QS_SEE_MIN_DEPTH && depth <= 0;
+    const bool recapturesOnly = !inCheck && depth < QS_SEE_MIN_DEPTH;
+    const int recaptureSquare = ply > 0 ? pos->plyStack[ply - 1].currentMove.to : -1;
     plyStruct& child = pos->plyStack[ply + 1];
     int searched = 0;
     for (moveStruct* cur = first; cur < end; cur++) {
         selectBest(cur, end);
         const moveStruct m = *cur;
+        if (recapturesOnly && m.to != recaptureSquare)
+            continue;
         if (exchangeFilter && m.type != MT_ENPASSANT && m.type < MT_CASTLE_K
             && seeValue[pos->board[m.to]] < seeValue[pos->board[m.from]] && !seeAtLeastFull(pos, m, 0))
             continue;
@@ -92,6 +97,7 @@ short quiescence(u8 ply, int depth, short alpha, short beta, positionStruct* pos
 
         // Step 11. Search the move: the first with the full window, the others with a
         // null window first and again with the full one when they land inside it.
+        ps.currentMove = m;
         makeMove(pos, ply, m);
         child.inCheck = inCheckNow(pos);
         int score;
