@@ -271,6 +271,50 @@ TEST_F(SearchTest, MovePickerHandsOutEachLegalMoveOnce) {
     EXPECT_GT(hashFirst, 500);
 }
 
+// With empty histories the quiet moves come in three groups: pieces leaving a square
+// attacked by a cheaper enemy piece for one that is not, then the rest, then pieces
+// stepping from a safe square onto an attacked one. Checked square by square here.
+TEST_F(SearchTest, QuietOrderFollowsThreatsByCheaperPieces) {
+    REQUIRE_DATA("openings/openings.epd");
+    std::mt19937 rng(11);
+    int escapes = 0, walkIns = 0;
+    for (const std::string& fen : walkStarts())
+        randomWalk(load(fen), 25, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
+            if (pos->plyStack[0].inCheck)
+                return;
+            tables->clearAll();
+            pos->plyStack[0].killer1 = pos->plyStack[0].killer2 = EMPTYMOVE;
+            const int them = pos->sideToMove ^ 1;
+            const bitboard occ = pos->occupied();
+            auto attackedByCheaper = [&](int sq, int type) {
+                const bitboard* b = pos->bitboards;
+                const bool pawn = attackByPawnTable[them][sq] & b[WPAWN + them];
+                const bool minor = (knightAttackTable[sq] & b[WKNIGHT + them])
+                                || (bishopAttacks(sq, occ) & b[WBISHOP + them]);
+                const bool rook = rookAttacks(sq, occ) & b[WROOK + them];
+                return type == QUEEN ? pawn || minor || rook
+                     : type == ROOK  ? pawn || minor
+                     : type == KNIGHT || type == BISHOP ? pawn : false;
+            };
+            movePickerStruct mp;
+            initMovePicker(mp, pos, 0, EMPTYMOVE);
+            int lastGroup = 1;
+            for (moveStruct m; !(m = nextMove(mp)).empty();) {
+                if (pos->plyStack[0].pickStage != STAGE_QUIETS)
+                    continue;
+                const int type = pos->board[m.from] >> 1;
+                const bool from = attackedByCheaper(m.from, type), to = attackedByCheaper(m.to, type);
+                const int group = from && !to ? 1 : !from && to ? -1 : 0;
+                escapes += group == 1;
+                walkIns += group == -1;
+                ASSERT_LE(group, lastGroup) << fen << " " << moveToLA(&m, pos->sideToMove);
+                lastGroup = group;
+            }
+        });
+    EXPECT_GT(escapes, 20);
+    EXPECT_GT(walkIns, 200);
+}
+
 // The table-move test accepts exactly the legal moves with the right piece byte, also for
 // moves of the previous position and random bytes; the check prediction agrees with the board.
 TEST_F(SearchTest, TableMoveTestAndCheckPrediction) {

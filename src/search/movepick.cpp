@@ -6,6 +6,7 @@
 #include "board/makemove.h"
 #include "board/movegen.h"
 #include "search/search.h"
+#include "search/searchparams.h"
 #include "search/see.h"
 
 namespace {
@@ -55,7 +56,34 @@ inline moveStruct withPiece(const positionStruct* pos, moveStruct m) {
     return m;
 }
 
+// Squares where each of our piece kinds stands attacked by a cheaper enemy piece, by piece
+// kind (knights and bishops: pawns; rooks: pawns and minors; queens: also rooks).
+struct threatMap {
+    bitboard byLesser[KING + 1] = {};
+};
+
+threatMap enemyThreats(const positionStruct* pos) {
+    const int them = pos->sideToMove ^ 1;
+    const bitboard occ = pos->occupied();
+    threatMap t;
+    const bitboard byPawn = pawnAttacksBB(pos->pieces(WPAWN + them), them);
+    bitboard byMinor = byPawn;
+    for (bitboard b = pos->pieces(WKNIGHT + them); b;)
+        byMinor |= knightAttackTable[popLsb(b)];
+    for (bitboard b = pos->pieces(WBISHOP + them); b;)
+        byMinor |= bishopAttacks(popLsb(b), occ);
+    bitboard byRook = byMinor;
+    for (bitboard b = pos->pieces(WROOK + them); b;)
+        byRook |= rookAttacks(popLsb(b), occ);
+    t.byLesser[KNIGHT] = t.byLesser[BISHOP] = byPawn;
+    t.byLesser[ROOK] = byMinor;
+    t.byLesser[QUEEN] = byRook;
+    return t;
+}
+
 // Generates the quiet moves behind the captures and sorts them by history, best first.
+// A piece that leaves a square attacked by a cheaper enemy piece for a safe one is moved
+// up by its kind's bonus; one that steps onto such a square from a safe one, down by it.
 void generateQuietsSorted(movePickerStruct& mp) {
     positionStruct* pos = mp.pos;
     plyStruct& ps = pos->plyStack[mp.ply];
@@ -65,9 +93,15 @@ void generateQuietsSorted(movePickerStruct& mp) {
     int keys[MAX_LIST];
     const i16* row1 = contHistRow(pos, mp.ply, 1);
     const i16* row2 = contHistRow(pos, mp.ply, 2);
+    const threatMap threats = enemyThreats(pos);
     for (int i = 0; i < count; i++) {
         moveStruct m = first[i];
-        int key = historyOf(pos, row1, row2, pos->board[m.from], m.to);
+        const int piece = pos->board[m.from];
+        int key = historyOf(pos, row1, row2, piece, m.to);
+        const bitboard threatened = threats.byLesser[piece >> 1];
+        const bool fromThreatened = threatened & bb(m.from), toThreatened = threatened & bb(m.to);
+        if (fromThreatened != toThreatened)
+            key += fromThreatened ? QUIET_THREAT_BONUS[piece >> 1] : -QUIET_THREAT_BONUS[piece >> 1];
         int j = i;
         for (; j > 0 && keys[j - 1] < key; j--) {
             keys[j] = keys[j - 1];

@@ -64,6 +64,10 @@ constexpr std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> makeLmrTable() {
 }
 inline constexpr auto LMR = makeLmrTable();
 
+// Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
+// piece, and malus for one walking into it, by piece kind (pawn and king: none).
+constexpr int QUIET_THREAT_BONUS[KING + 1] = {0, 0, 8192, 8192, 12288, 16384, 0};
+
 // Quiet moves remembered per node for the history penalty of a cut-off.
 constexpr int MAX_QUIETS_TRIED = 64;
 
