@@ -23,7 +23,8 @@
 //  - The continuation-history extension is allowed while ply < 2 * searchDepth, which
 //    bounds the length of an extended line.
 //  - ProbCut tries only moves whose exchange reaches rbeta - e and returns the verified
-//    score; rbeta is held at the mate score so that it never leaves the 16-bit range.
+//    score less rbeta - beta (a bound at beta, not one at rbeta; mate scores as they
+//    are); rbeta is held at the mate score so that it never leaves the 16-bit range.
 #include <algorithm>
 #include <cstdlib>
 
@@ -241,7 +242,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                         score = searchChild(u8(ply + 1), depth - PROBCUT_REDUCTION, rbeta - 1, rbeta, pos);
                     takeBack(pos, ply, m);
                     if (score >= rbeta)
-                        return short(score);
+                        return short(score >= MATE_BAND ? score : score - (rbeta - beta));
                 }
             }
 
