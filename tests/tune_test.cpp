@@ -37,7 +37,8 @@ std::map<std::string, pairs> tablesOf(const std::string& text) {
     std::map<std::string, pairs> tables;
     for (size_t at = text.find("i32 "); at != std::string::npos; at = text.find("i32 ", at + 4)) {
         size_t i = at + 4, name = i;
-        while (i < text.size() && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_'))
+        while (i < text.size()
+               && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_'))
             i++;
         const std::string id = text.substr(name, i - name);
         for (int dims = 0; dims < 2 && i < text.size() && text[i] == '['; dims++)
@@ -67,8 +68,13 @@ bool isGiven(const std::string& table, int i, int half) {
     return false;  // EVALPAWNSTORM is open throughout
 }
 
-TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
-    REQUIRE_DATA("tuning/selfplay-labeled.epd");
+struct tuningRun {
+    std::string report, before, after;
+};
+
+// The tuner on the first 400 positions of the self-play set for two epochs, writing beside
+// the test; `extra` adds options.
+tuningRun runTuner(const std::string& extra) {
     const std::string dir = testing::TempDir();
     const std::string data = dir + "tune_sample.epd", out = dir + "tune_weights.cpp",
                       log = dir + "tune_log.txt";
@@ -81,19 +87,26 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     }
     const std::string original = std::string(QUORVANE_SOURCE_DIR) + "/src/eval/weights.cpp";
     const std::string command = std::string(QUORVANE_TUNE_BINARY)
-                                + " --epochs 2 --last --min-uses 1 --batch 64 --lr 4 --threads 2"
-                                + " --weights " + original + " --out " + out + " " + data + " > "
-                                + log + " 2>&1";
+                                + " --epochs 2 --last --min-uses 1 --batch 64 --lr 4 --threads 2 "
+                                + extra + " --weights " + original + " --out " + out + " " + data
+                                + " > " + log + " 2>&1";
     std::remove(out.c_str());
-    ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
+    const int status = std::system(command.c_str());
+    tuningRun run{readFile(log), readFile(original), readFile(out)};
+    EXPECT_EQ(status, 0) << run.report;
+    EXPECT_FALSE(run.after.empty()) << run.report;
+    return run;
+}
 
-    const std::string report = readFile(log);
+TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
+    REQUIRE_DATA("tuning/selfplay-labeled.epd");
+    const tuningRun run = runTuner("");
+    const std::string& report = run.report;
     EXPECT_NE(report.find("epoch   2"), std::string::npos) << report;
     EXPECT_NE(report.find("outpost rule chosen"), std::string::npos) << report;
     EXPECT_EQ(report.find("differs from evaluateN"), std::string::npos) << report;
 
-    const std::string before = readFile(original), after = readFile(out);
-    ASSERT_FALSE(after.empty()) << report;
+    const std::string &before = run.before, &after = run.after;
     EXPECT_EQ(withoutNumbers(before), withoutNumbers(after))
         << "only the numbers of the pairs may change";
 
@@ -126,20 +139,50 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     EXPECT_GT(moved, 20) << "the run must have changed open values";
 }
 
+// --mirror: an entry and its twin on the mirrored file (a <-> h) move by the same amount,
+// unless one of them is fixed or unused.
+TEST(Tuner, MirrorMovesTwinsAlike) {
+    REQUIRE_DATA("tuning/selfplay-labeled.epd");
+    const tuningRun run = runTuner("--mirror --no-outpost");
+    const auto was = tablesOf(run.before), is = tablesOf(run.after);
+    int alike = 0;
+    for (const char* name :
+         {"pieceSquareScore", "EVALPAWNPASSED", "EVALPAWNSHIELD", "EVALPAWNSTORM"}) {
+        const pairs &a = was.at(name), &b = is.at(name);
+        ASSERT_EQ(a.size(), b.size()) << name;
+        const bool storm = std::string(name) == "EVALPAWNSTORM";
+        for (size_t i = 0; i < a.size(); i++) {
+            const size_t t = storm ? i ^ 56 : i ^ 7;
+            const int moved[2][2] = {{b[i].first - a[i].first, b[t].first - a[t].first},
+                                     {b[i].second - a[i].second, b[t].second - a[t].second}};
+            for (int h = 0; h < 2; h++) {
+                const auto [mine, twin] = std::pair(moved[h][0], moved[h][1]);
+                if (isGiven(name, int(i), h) || isGiven(name, int(t), h) || mine == 0 || twin == 0)
+                    continue;
+                EXPECT_EQ(mine, twin) << name << "[" << i << "] half " << h;
+                alike++;
+            }
+        }
+    }
+    EXPECT_GT(alike, 20) << "the run must have moved twins";
+}
+
 // Games to labelled positions: SAN with en passant, promotion, disambiguation and
 // castling; positions before captures, promotions and repeated positions left out; the
 // en-passant field only where a pawn can take; games without a result skipped.
 TEST(Tuner, GamesBecomeLabelledPositions) {
     const std::string dir = testing::TempDir();
-    const std::string pgn = dir + "pgn2epd.pgn", epd = dir + "pgn2epd.epd", log = dir + "pgn2epd.txt";
-    std::ofstream(pgn) << "[Event \"a\"]\n[Result \"1-0\"]\n\n"
-                          "1. e4 {+0.30/10 0.1s} d5 2. e5 f5 3. exf6 Nc6 4. fxg7 Nf6\n5. gxh8=Q+ 1-0\n\n"
-                          "[Event \"b\"]\n[Result \"0-1\"]\n\n"
-                          "1. e4 d5 2. e5 f5 3. Nf3 Nf6 4. Be2 Nbd7 5. O-O 0-1\n\n"
-                          "[Event \"c\"]\n[Result \"*\"]\n\n1. d4 *\n\n"
-                          "[Event \"d\"]\n[Result \"1-0\"]\n\n1. c4 Qh4 1-0\n";
-    const std::string command = std::string(QUORVANE_PGN2EPD_BINARY) + " --skip 0 " + pgn + " > "
-                                + epd + " 2> " + log;
+    const std::string pgn = dir + "pgn2epd.pgn", epd = dir + "pgn2epd.epd",
+                      log = dir + "pgn2epd.txt";
+    std::ofstream(pgn)
+        << "[Event \"a\"]\n[Result \"1-0\"]\n\n"
+           "1. e4 {+0.30/10 0.1s} d5 2. e5 f5 3. exf6 Nc6 4. fxg7 Nf6\n5. gxh8=Q+ 1-0\n\n"
+           "[Event \"b\"]\n[Result \"0-1\"]\n\n"
+           "1. e4 d5 2. e5 f5 3. Nf3 Nf6 4. Be2 Nbd7 5. O-O 0-1\n\n"
+           "[Event \"c\"]\n[Result \"*\"]\n\n1. d4 *\n\n"
+           "[Event \"d\"]\n[Result \"1-0\"]\n\n1. c4 Qh4 1-0\n";
+    const std::string command =
+        std::string(QUORVANE_PGN2EPD_BINARY) + " --skip 0 " + pgn + " > " + epd + " 2> " + log;
     ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
     const char* const expected =
         "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - c9 \"1-0\";\n"
@@ -156,8 +199,10 @@ TEST(Tuner, GamesBecomeLabelledPositions) {
     EXPECT_EQ(readFile(epd), expected);
     const std::string report = readFile(log);
     EXPECT_NE(report.find("cannot read move Qh4"), std::string::npos) << report;
-    EXPECT_NE(report.find("4 games read, 3 used, 11 positions written, 1 games with unreadable moves"),
-              std::string::npos) << report;
+    EXPECT_NE(
+        report.find("4 games read, 3 used, 11 positions written, 1 games with unreadable moves"),
+        std::string::npos)
+        << report;
 }
 
 }  // namespace

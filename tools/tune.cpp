@@ -104,6 +104,7 @@ struct options {
     int limit = 0;       // positions per file, 0 = all
     bool outpostSearch = true;
     bool keepLast = false;  // write the last epoch's values, not the best on validation
+    bool mirror = false;    // an entry and its twin on the mirrored file move together
     double k = 0;           // 0 = fit it
     bool kPerFile = true;   // each file its own K: the players of its games set the scale
     bool balance = true;    // each file weighs the same in the loss
@@ -177,6 +178,7 @@ private:
                    double scale = 0) const;
     void setTables(const double (*p)[2]) const;
     void report(int epoch, double seconds, bool final);
+    void mirrorGradients(std::vector<std::vector<double>>& grads) const;
     // Per file: the errors on its quiet training and validation positions with its own K
     // and with the texel command's, and on every position as that command measures it.
     void printFileErrors(const std::vector<int>& evals) const;
@@ -494,6 +496,28 @@ void tuner::report(int epoch, double seconds, bool final) {
     std::fflush(stdout);
 }
 
+// The entry on the mirrored file (a <-> h): square ^ 7 in the 64-square tables, the file
+// index flipped in the storm's [kind][file][distance] layout.
+int mirrorEntry(int e) { return e < STORM_BASE ? e ^ 7 : STORM_BASE + ((e - STORM_BASE) ^ 56); }
+
+// --mirror: an open value and its open twin get the mean of their two gradients, so Adam
+// moves them alike and the tables keep the asymmetry they started with, and add none.
+void tuner::mirrorGradients(std::vector<std::vector<double>>& grads) const {
+    for (int e = 0; e < ENTRIES; e++) {
+        const int t = mirrorEntry(e);
+        if (t <= e)
+            continue;
+        for (int h = 0; h < 2; h++) {
+            if (!open[e][h] || !open[t][h])
+                continue;
+            for (auto& g : grads) {
+                const double mean = (g[size_t(2 * e + h)] + g[size_t(2 * t + h)]) / 2;
+                g[size_t(2 * e + h)] = g[size_t(2 * t + h)] = mean;
+            }
+        }
+    }
+}
+
 void tuner::train() {
     const auto t0 = std::chrono::steady_clock::now();
     auto elapsed = [&] {
@@ -534,6 +558,8 @@ void tuner::train() {
                     }
                 }
             });
+            if (opt.mirror)
+                mirrorGradients(grads);
             step++;
             const double c1 = 1 - std::pow(b1, double(step)), c2 = 1 - std::pow(b2, double(step));
             for (int i = 0; i < 2 * ENTRIES; i++) {
@@ -659,6 +685,7 @@ void usage() {
         "  --one-k          fit one K for all files, not one per file\n"
         "  --unbalanced     weigh every position alike, not every file alike\n"
         "  --last           write the last epoch's values, not the best on validation\n"
+        "  --mirror         an entry and its twin on the mirrored file move together\n"
         "  --no-outpost     keep the outpost rule in use without measuring the others\n"
         "  --weights PATH   weights source to rewrite (src/eval/weights.cpp)\n"
         "  --from PATH      start from the tables of this weights source\n"
@@ -703,6 +730,8 @@ int main(int argc, char** argv) {
             opt.balance = false;
         else if (a == "--last")
             opt.keepLast = true;
+        else if (a == "--mirror")
+            opt.mirror = true;
         else if (a == "--no-outpost")
             opt.outpostSearch = false;
         else if (a == "--weights")
