@@ -1,7 +1,11 @@
 # Thin wrapper around CMake and CTest. Extra configure flags go in CMAKE_ARGS, for example
 #   make test CMAKE_ARGS="-DQUORVANE_WERROR=ON -DQUORVANE_DATA_DIR=/path/to/data"
+#
+# The engine alone, the way OpenBench workers build it:  make -j EXE=<name> [CXX=<compiler>]
+# (no GoogleTest needed; the binary lands at ./<name>).
 BUILD ?= build
-JOBS ?= 2
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+EXE_BUILD ?= build-exe
 CMAKE_ARGS ?=
 PERFT_LIMIT ?= 2000000
 CLANG_FORMAT ?= clang-format
@@ -9,9 +13,32 @@ CLANG_FORMAT ?= clang-format
 PGO_BUILD ?= build-pgo
 KIWIPETE = r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1
 
-.PHONY: all build run test bench pgo sanitize asan tsan format clean
+.PHONY: all build run test bench pgo sanitize asan tsan format clean exe release release-check
 
+ifdef EXE
+all: exe
+else
 all: build
+endif
+
+# A compiler named on the command line or in the environment is the one CMake uses.
+ifneq ($(origin CXX),default)
+EXE_COMPILER = -DCMAKE_CXX_COMPILER=$(CXX)
+endif
+
+exe:
+	cmake -S . -B $(EXE_BUILD) -DCMAKE_BUILD_TYPE=Release -DQUORVANE_TESTS=OFF \
+	    -DQUORVANE_BENCH=OFF -DQUORVANE_TUNER=OFF $(EXE_COMPILER) $(CMAKE_ARGS)
+	cmake --build $(EXE_BUILD) -j$(JOBS) --target quorvane
+	cp $(EXE_BUILD)/quorvane $(or $(EXE),quorvane)
+
+# dist/: Linux x86-64 (three levels), Linux aarch64 and Windows x86-64 (two levels), static,
+# with SHA256SUMS; release-check runs each one's checks natively, under wine or under qemu.
+release:
+	JOBS=$(JOBS) CMAKE_ARGS="$(CMAKE_ARGS)" tools/release.sh build
+
+release-check:
+	JOBS=$(JOBS) CMAKE_ARGS="$(CMAKE_ARGS)" tools/release.sh check
 
 build:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
@@ -58,4 +85,4 @@ format:
 	$(CLANG_FORMAT) -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(PGO_BUILD) build-asan build-tsan
+	rm -rf $(BUILD) $(PGO_BUILD) $(EXE_BUILD) build-asan build-tsan build-release dist

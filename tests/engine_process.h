@@ -1,6 +1,10 @@
 // The real engine binary as a child process, run the way a chess GUI runs it: command lines
 // written one at a time, replies read line by line with a time limit. Sanitizer reports of
 // the child go to the inherited standard error and show as a non-zero status in finish().
+//
+// QUORVANE_ENGINE, when set, replaces the binary built beside the tests by a command of
+// words separated by spaces: "wine dist/quorvane-windows-x86-64.exe" drives a cross-built
+// engine through its emulator. QUORVANE_TIME_SCALE stretches every time limit.
 #pragma once
 
 #include <fcntl.h>
@@ -9,7 +13,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <fstream>
 #include <optional>
@@ -22,10 +28,36 @@ extern char** environ;
 
 // Sanitized builds run several times slower; every time limit is stretched by this.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int ENGINE_TIME_SCALE = 10;
+constexpr int ENGINE_BUILD_TIME_SCALE = 10;
 #else
-constexpr int ENGINE_TIME_SCALE = 1;
+constexpr int ENGINE_BUILD_TIME_SCALE = 1;
 #endif
+inline const int ENGINE_TIME_SCALE = [] {
+    const char* scale = std::getenv("QUORVANE_TIME_SCALE");
+    return ENGINE_BUILD_TIME_SCALE * std::max(1, scale ? std::atoi(scale) : 1);
+}();
+
+// The engine's command: QUORVANE_ENGINE split into words, or the binary built here. A first
+// word without a '/' is looked up in PATH.
+inline std::vector<std::string> engineCommand() {
+    const char* custom = std::getenv("QUORVANE_ENGINE");
+    if (!custom || !*custom)
+        return {QUORVANE_BINARY};
+    std::vector<std::string> words;
+    std::istringstream in(custom);
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    if (!words.empty() && words[0].find('/') == std::string::npos)
+        if (const char* path = std::getenv("PATH")) {
+            std::istringstream dirs(path);
+            for (std::string dir; std::getline(dirs, dir, ':');)
+                if (!dir.empty() && ::access((dir + "/" + words[0]).c_str(), X_OK) == 0) {
+                    words[0] = dir + "/" + words[0];
+                    break;
+                }
+        }
+    return words;
+}
 
 struct engineOptionsStruct {
     std::vector<std::string> args;  // command-line arguments (command-line mode)
@@ -37,7 +69,7 @@ struct engineOptionsStruct {
 
 class engineProcess {
 public:
-    static constexpr int DEFAULT_TIMEOUT_MS = 10000 * ENGINE_TIME_SCALE;
+    static inline const int DEFAULT_TIMEOUT_MS = 10000 * ENGINE_TIME_SCALE;
     using clock = std::chrono::steady_clock;
 
     explicit engineProcess(const engineOptionsStruct& opts = {}) { start(opts); }
@@ -153,7 +185,7 @@ private:
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
             return;
         // Built before fork: after it only async-signal-safe calls are allowed.
-        std::vector<std::string> argStore = {QUORVANE_BINARY}, envStore = opts.env;
+        std::vector<std::string> argStore = engineCommand(), envStore = opts.env;
         argStore.insert(argStore.end(), opts.args.begin(), opts.args.end());
         std::vector<char*> argv, envp;
         for (auto& a : argStore)

@@ -3,6 +3,7 @@
 #include "engine/bench.h"
 
 #include <memory>
+#include <string>
 
 #include "board/output.h"
 #include "engine/engine.h"
@@ -96,8 +97,12 @@ benchResultStruct runBench(int depth, bool quiet) {
         theWorkForce.setNofWorkers(savedThreads);
     setHashSizeNow(engine.hashSizeMB);
     if (!quiet) {
-        printLine("Nodes searched: " + std::to_string(result.nodes));
-        printLine("Nodes/second: " + std::to_string(result.nodes * 1000 / u64(result.ms)));
+        const std::string nodes = std::to_string(result.nodes);
+        const std::string nps = std::to_string(result.nodes * 1000 / u64(result.ms));
+        printLine("Nodes searched: " + nodes);
+        printLine("Nodes/second: " + nps);
+        // Both again on one line in the form testing frameworks (OpenBench) look for.
+        printLine(nodes + " nodes " + nps + " nps");
     }
     return result;
 }

@@ -10,6 +10,6 @@ struct benchResultStruct {
     i64 ms = 0;
 };
 
-// Searches every bench position to `depth`; prints "Nodes searched: N" and
-// "Nodes/second: M" as its last two lines unless quiet. The settings are restored after.
+// Searches every bench position to `depth`; unless quiet its last three lines are
+// "Nodes searched: N", "Nodes/second: M" and "N nodes M nps". The settings are restored after.
 benchResultStruct runBench(int depth, bool quiet = false);

@@ -1,11 +1,10 @@
 #include "engine/engine.h"
 
-#include <sys/sysinfo.h>
-
 #include <algorithm>
 #include <cstdlib>
 
 #include "board/output.h"
+#include "platform/platform.h"
 #include "search/tt.h"
 
 engineStruct engine;
@@ -15,8 +14,8 @@ namespace {
 // The largest table that physical memory can hold comfortably: half of it. The tests
 // lower that ceiling with QUORVANE_HASH_LIMIT_MB so that the largest sizes stay cheap.
 u64 affordableBuckets(u64 wanted) {
-    struct sysinfo si {};
-    u64 limit = sysinfo(&si) == 0 ? u64(si.totalram) * si.mem_unit / 2 / 64 : wanted;
+    u64 memory = platform::physicalMemory();
+    u64 limit = memory ? memory / 2 / 64 : wanted;
     if (const char* cap = std::getenv("QUORVANE_HASH_LIMIT_MB"))
         limit = std::min<u64>(limit, std::strtoull(cap, nullptr, 10) * 16384);
     while (wanted > 16384 && wanted > limit)

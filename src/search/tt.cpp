@@ -1,12 +1,11 @@
 #include "search/tt.h"
 
-#include <sys/mman.h>
-
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <thread>
 #include <vector>
+
+#include "platform/platform.h"
 
 hashBucketStruct* hashTable = nullptr;
 u64 hashKeyMask = 0;
@@ -22,32 +21,27 @@ u64 hashBucketsForMB(int mb) {
     return buckets;
 }
 
-void freeHashTable() {
-    std::free(hashTable);
-    hashTable = nullptr;
-    hashKeyMask = 0;
-}
-
 namespace {
 
-constexpr u64 HUGE_PAGE = 2 * 1024 * 1024;
+u64 allocatedBytes = 0;  // of hashTable, as asked for
 
-// Room for `buckets` buckets and the spare one behind them. Tables of 2 MB and more sit on
-// huge-page boundaries and ask for transparent huge pages: far fewer page faults when the
-// table is cleared, fewer TLB misses in the search.
+// Room for `buckets` buckets and the spare one behind them.
 hashBucketStruct* allocateBuckets(u64 buckets) {
     u64 bytes = (buckets + 1) * sizeof(hashBucketStruct);
-    u64 align = bytes >= HUGE_PAGE ? HUGE_PAGE : sizeof(hashBucketStruct);
-    bytes = (bytes + align - 1) / align * align;
-    void* p = std::aligned_alloc(align, bytes);
-#ifdef MADV_HUGEPAGE
-    if (p && align == HUGE_PAGE)
-        madvise(p, bytes, MADV_HUGEPAGE);
-#endif
+    void* p = platform::allocateLarge(bytes);
+    if (p)
+        allocatedBytes = bytes;
     return static_cast<hashBucketStruct*>(p);
 }
 
 }  // namespace
+
+void freeHashTable() {
+    platform::freeLarge(hashTable, allocatedBytes);
+    hashTable = nullptr;
+    allocatedBytes = 0;
+    hashKeyMask = 0;
+}
 
 u64 resizeHashTable(u64 buckets, int threads) {
     freeHashTable();

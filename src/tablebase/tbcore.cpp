@@ -1,10 +1,5 @@
 #include "tablebase/tbcore.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -12,6 +7,7 @@
 #include <cstring>
 
 #include "board/output.h"
+#include "platform/platform.h"
 #include "tablebase/tbprobe.h"
 
 int TB_LARGEST = 0;
@@ -172,12 +168,8 @@ void addToHash(tb_entry* e, u64 key) {
 
 bool fileExists(const std::string& name, const char* ext) {
     for (const std::string& dir : paths) {
-        std::string file = dir + "/" + name + ext;
-        int fd = ::open(file.c_str(), O_RDONLY);
-        if (fd >= 0) {
-            ::close(fd);
+        if (platform::isReadable(dir + "/" + name + ext))
             return true;
-        }
     }
     return false;
 }
@@ -231,9 +223,7 @@ void initTb(const std::string& name) {
 }
 
 void unmap(tb_map& m) {
-    if (m.data)
-        ::munmap(const_cast<u8*>(m.data), m.size);
-    m = tb_map{};
+    platform::unmapFile(m);
 }
 
 void resetEntry(tb_entry& e) {
@@ -273,33 +263,15 @@ u32 readU16(const u8* p) { return u32(p[0]) | u32(p[1]) << 8; }
 bool openTable(const std::string& name, const char* ext, u32 magic, tb_map& out) {
     for (const std::string& dir : paths) {
         std::string file = dir + "/" + name + ext;
-        int fd = ::open(file.c_str(), O_RDONLY);
-        if (fd < 0)
-            continue;
-        struct stat st {};
-        if (::fstat(fd, &st) != 0) {
-            std::perror("fstat");
-            ::close(fd);
-            continue;
-        }
-        if (!S_ISREG(st.st_mode)) {
-            ::close(fd);
-            continue;
-        }
+        switch (platform::mapFile(file, 8, out)) {
+        case platform::mapStatus::ABSENT: continue;
         // Too short to hold even the header: nothing worth mapping.
-        if (st.st_size < 8) {
-            ::close(fd);
-            std::fputs("Corrupted table.\n", stderr);
-            return false;
-        }
-        void* p = ::mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
-        ::close(fd);
-        if (p == MAP_FAILED) {
+        case platform::mapStatus::TOO_SHORT: std::fputs("Corrupted table.\n", stderr); return false;
+        case platform::mapStatus::FAILED:
             std::fprintf(stderr, "Could not mmap() %s.\n", file.c_str());
             return false;
+        case platform::mapStatus::MAPPED: break;
         }
-        out.data = static_cast<const u8*>(p);
-        out.size = size_t(st.st_size);
         if (readU32(out.data) != magic) {
             std::fputs("Corrupted table.\n", stderr);
             unmap(out);
@@ -637,7 +609,7 @@ void init_tablebases(const std::string& path) {
 
     size_t start = 0;
     while (start <= path.size()) {
-        size_t end = path.find(':', start);
+        size_t end = path.find(platform::PATH_LIST_SEPARATOR, start);
         if (end == std::string::npos)
             end = path.size();
         // An empty element would mean the root folder; nobody means that.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "board/types.h"
+#include "platform/platform.h"
 
 constexpr int TB_PIECES = 6;        // largest table size handled (kings included)
 constexpr int TBMAX_PIECE = 254;    // registry room for tables without pawns
@@ -27,10 +28,7 @@ constexpr u32 DTZ_MAGIC = 0xA50C66D7;
 constexpr int TB_BLACK = 8;
 
 // One mapped file.
-struct tb_map {
-    const u8* data = nullptr;
-    size_t size = 0;
-};
+using tb_map = platform::fileMapping;
 
 // The decoding data of one compressed table (one side to move of one pawn file).
 struct pairs_data {

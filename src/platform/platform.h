@@ -1,0 +1,49 @@
+// What the operating system provides, behind one small interface: read-only file mappings
+// (the tablebase files), the transposition table's large zeroed allocation and the size of
+// physical memory. platform_posix.cpp and platform_windows.cpp implement it; they are the
+// only sources that include an operating-system header.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+// Separator of folder lists such as "SyzygyPath": Windows paths hold a ':' after the drive
+// letter, so there the list is split at ';'.
+#ifdef _WIN32
+inline constexpr char PATH_LIST_SEPARATOR = ';';
+#else
+inline constexpr char PATH_LIST_SEPARATOR = ':';
+#endif
+
+// True when `file` exists and opens for reading.
+bool isReadable(const std::string& file);
+
+struct fileMapping {
+    const unsigned char* data = nullptr;
+    size_t size = 0;
+};
+
+enum class mapStatus {
+    MAPPED,     // out holds the whole file
+    ABSENT,     // no such regular file (missing, a folder, or not readable)
+    TOO_SHORT,  // a regular file of fewer than minSize bytes: nothing mapped
+    FAILED,     // it exists but the system would not map it (address space, limits)
+};
+
+// Maps the whole of `file` read-only.
+mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out);
+void unmapFile(fileMapping& mapping);
+
+// `bytes` of zeroed memory aligned to at least 64 bytes, on huge pages where the system
+// offers them and the block is large enough; nullptr when the memory is not to be had.
+void* allocateLarge(size_t bytes);
+// Returns a block of allocateLarge; `bytes` is the size it was asked for.
+void freeLarge(void* block, size_t bytes);
+
+// Physical memory in bytes; 0 when the system does not say.
+uint64_t physicalMemory();
+
+}  // namespace platform
