@@ -228,7 +228,11 @@ private:
             eof_ = true;
             closeFd(fromChild_);
         }
+        // A Windows binary ends its lines with "\r\n": the lines read are the same.
+        size_t from = pending_.empty() ? 0 : pending_.size() - 1;
         pending_.append(buf, size_t(std::max<ssize_t>(n, 0)));
+        for (size_t cr; (cr = pending_.find("\r\n", from)) != std::string::npos; from = cr)
+            pending_.erase(cr, 1);
         transcript_.append(buf, size_t(std::max<ssize_t>(n, 0)));
         return true;
     }

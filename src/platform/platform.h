@@ -1,6 +1,6 @@
 // What the operating system provides, behind one small interface: read-only file mappings
-// (the tablebase files), the transposition table's large zeroed allocation and the size of
-// physical memory. platform_posix.cpp and platform_windows.cpp implement it; they are the
+// (the tablebase files), the transposition table's large zeroed allocation, the command
+// input and the size of physical memory. platform_posix.cpp and platform_windows.cpp implement it; they are the
 // only sources that include an operating-system header.
 #pragma once
 
@@ -42,6 +42,11 @@ void unmapFile(fileMapping& mapping);
 void* allocateLarge(size_t bytes);
 // Returns a block of allocateLarge; `bytes` is the size it was asked for.
 void freeLarge(void* block, size_t bytes);
+
+// Reads one line of standard input without its line end; false at the end of input. On
+// Windows the input is read in binary mode, so that a Ctrl-Z byte is data and not the end
+// of input, and the '\r' of a "\r\n" line end is dropped.
+bool readInputLine(std::string& line);
 
 // Physical memory in bytes; 0 when the system does not say.
 uint64_t physicalMemory();

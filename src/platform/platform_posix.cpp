@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <iostream>
 
 #include "platform/platform.h"
 
@@ -88,6 +89,8 @@ void freeLarge(void* block, size_t bytes) {
     if (block)
         ::munmap(block, roundedSize(bytes));
 }
+
+bool readInputLine(std::string& line) { return bool(std::getline(std::cin, line)); }
 
 uint64_t physicalMemory() {
     long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);

@@ -3,9 +3,13 @@
 #define NOMINMAX
 #endif
 #define WIN32_LEAN_AND_MEAN
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <iostream>
 
 #include "platform/platform.h"
 
@@ -98,6 +102,15 @@ void* allocateLarge(size_t bytes) {
 void freeLarge(void* block, size_t) {
     if (block)
         ::VirtualFree(block, 0, MEM_RELEASE);
+}
+
+bool readInputLine(std::string& line) {
+    static const bool binary = _setmode(_fileno(stdin), _O_BINARY) != -1;
+    if (!std::getline(std::cin, line))
+        return false;
+    if (binary && !line.empty() && line.back() == '\r')
+        line.pop_back();
+    return true;
 }
 
 uint64_t physicalMemory() {

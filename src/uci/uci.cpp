@@ -5,7 +5,6 @@
 #include <cstring>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -22,6 +21,7 @@
 #include "engine/timeman.h"
 #include "engine/workforce.h"
 #include "eval/evaluate.h"
+#include "platform/platform.h"
 #include "search/searchlimits.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
@@ -486,7 +486,7 @@ int uciMain(int argc, char** argv) {
         executeCommand(argLine);
     else
         for (std::string line;;) {
-            if (!std::getline(std::cin, line))
+            if (!platform::readInputLine(line))
                 line = "quit";
             if (!executeCommand(line))
                 break;
