@@ -3,6 +3,9 @@
 #
 #   tools/release.sh [build]   (make release) six statically linked binaries in dist/ and
 #                              their SHA-256 sums in dist/SHA256SUMS
+#   tools/release.sh speed     bench nodes/s of every binary of dist/ and of build/quorvane
+#                              (native CPU flags), best of RUNS (3) interleaved runs, with
+#                              the level / native and Windows / Linux ratios
 #   tools/release.sh check     (make release-check) every binary of dist/ natively, under
 #                              wine or under qemu-aarch64: the bench signature, the perft
 #                              reference files, the protocol tests driving the binary, the
@@ -183,7 +186,8 @@ check_unit_tests() {
     configure "$dir" "$toolchain" -DQUORVANE_DATA_DIR="$data" "$@"
     cmake --build "$dir" -j"$jobs" >"$dir.build.log" 2>&1 || { result "unit tests $toolchain: build" 1; return; }
     ctest --test-dir "$dir" -j"$jobs" --output-on-failure >"$dir.log" 2>&1
-    result "unit tests $toolchain" $? "$(grep 'tests passed' "$dir.log")"
+    result "unit tests $toolchain" $? \
+        "$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\2 tests, \1 failed/p' "$dir.log")"
 }
 
 check() {
@@ -208,8 +212,54 @@ check() {
     [ "$failed" -eq 0 ]
 }
 
+# bench_nps COMMAND...: the nodes/s that one bench run prints.
+bench_nps() { "$@" bench 2>&1 | tr -d '\r' | sed -n 's/^Nodes\/second: //p'; }
+
+speed() {
+    local runs=${RUNS:-3} r t name nps
+    local -A best=()
+    local names=(native)
+    [ -x "$repo/build/quorvane" ] || make -C "$repo" build CMAKE_ARGS="${CMAKE_ARGS:-}" >/dev/null
+    for t in "${targets[@]}"; do
+        read -r name _ <<<"$t"
+        names+=("$name")
+    done
+    for ((r = 0; r < runs; r++)); do
+        for name in "${names[@]}"; do
+            if [ "$name" = native ]; then
+                nps=$(bench_nps "$repo/build/quorvane")
+            else
+                local run
+                read -r -a run <<<"$(runner "$name")"
+                nps=$(bench_nps "${run[@]}" "$dist/$name")
+            fi
+            [ "${best[$name]:-0}" -ge "$nps" ] || best[$name]=$nps
+        done
+    done
+    printf '%-32s %10s %12s %s\n' binary bytes "nodes/s" run
+    for name in "${names[@]}"; do
+        if [ "$name" = native ]; then
+            printf '%-32s %10s %12s %s\n' "build/quorvane (-march=native)" \
+                "$(stat -c %s "$repo/build/quorvane")" "${best[$name]}" native
+        else
+            printf '%-32s %10s %12s %s\n' "$name" "$(stat -c %s "$dist/$name")" "${best[$name]}" \
+                "$(runner "$name" | grep . || echo native)"
+        fi
+    done
+    ratio() { awk -v a="${best[$2]}" -v b="${best[$3]}" -v l="$1" 'BEGIN{printf "%-40s %.3f\n", l, a / b}'; }
+    ratio "linux x86-64 / native" quorvane-linux-x86-64 native
+    ratio "linux x86-64-v2 / native" quorvane-linux-x86-64-v2 native
+    ratio "linux x86-64-v3 / native" quorvane-linux-x86-64-v3 native
+    ratio "windows x86-64 (wine) / linux x86-64" quorvane-windows-x86-64.exe quorvane-linux-x86-64
+    ratio "windows x86-64-v3 (wine) / linux x86-64-v3" quorvane-windows-x86-64-v3.exe \
+        quorvane-linux-x86-64-v3
+    ratio "linux aarch64 (qemu) / linux x86-64" quorvane-linux-aarch64 quorvane-linux-x86-64
+    echo "(best of $runs interleaved runs)"
+}
+
 case ${1:-build} in
 build) build ;;
 check) check ;;
-*) echo "usage: $0 [build|check]" >&2; exit 2 ;;
+speed) speed ;;
+*) echo "usage: $0 [build|check|speed]" >&2; exit 2 ;;
 esac
