@@ -26,11 +26,17 @@ ifneq ($(origin CXX),default)
 EXE_COMPILER = -DCMAKE_CXX_COMPILER=$(CXX)
 endif
 
+# On Windows (MSYS2 or similar) the engine and the copy end in .exe.
+ifeq ($(OS),Windows_NT)
+EXE_SUFFIX = .exe
+endif
+EXE_TARGET = $(patsubst %$(EXE_SUFFIX),%,$(or $(EXE),quorvane))$(EXE_SUFFIX)
+
 exe:
 	cmake -S . -B $(EXE_BUILD) -DCMAKE_BUILD_TYPE=Release -DQUORVANE_TESTS=OFF \
 	    -DQUORVANE_BENCH=OFF -DQUORVANE_TUNER=OFF $(EXE_COMPILER) $(CMAKE_ARGS)
 	cmake --build $(EXE_BUILD) -j$(JOBS) --target quorvane
-	cp $(EXE_BUILD)/quorvane $(or $(EXE),quorvane)
+	cp $(EXE_BUILD)/quorvane$(EXE_SUFFIX) $(EXE_TARGET)
 
 # dist/: Linux x86-64 (three levels), Linux aarch64 and Windows x86-64 (two levels), static,
 # with SHA256SUMS; release-check runs each one's checks natively, under wine or under qemu.

@@ -29,43 +29,43 @@ u64 perftBySearchMoves(int ply, int depth, positionStruct* pos) {
     return nodes;
 }
 
-}  // namespace
-
-// Perft has a generator of its own; the search's generators answer to the same files (the
+// Perft has a generator of its own; the search's generators answer to the same file (the
 // largest cases aside, to keep the suite quick).
-TEST(Perft, ReferenceFiles) {
+void checkReferenceFile(const std::string& file) {
     const char* limitText = std::getenv("QUORVANE_PERFT_LIMIT");
     const u64 limit = limitText ? std::strtoull(limitText, nullptr, 10) : ~0ULL;
-    const std::string files[] = {std::string(QUORVANE_SOURCE_DIR) + "/tests/perft.txt",
-                                 dataPath("perft.txt")};
-    for (const std::string& file : files) {
-        SCOPED_TRACE(file);
-        std::ifstream in(file);
-        if (!in) {
-            ASSERT_NE(file, files[0]) << "the repository's perft lines are missing";
-            GTEST_SKIP() << "test data missing: " << file
-                         << " (set QUORVANE_DATA_DIR to the shared data folder)";
+    std::ifstream in(file);
+    ASSERT_TRUE(in) << file;
+    testPosition pos;
+    int run = 0, bySearch = 0;
+    for (std::string line; std::getline(in, line) && line != "full";) {
+        std::istringstream s(line);
+        std::string fen, depth, count;
+        std::getline(s, fen, ';');
+        std::getline(s, depth, ';');
+        std::getline(s, count, ';');
+        const u64 expected = std::stoull(count);
+        if (expected > limit)
+            continue;
+        pos.set(fen);
+        EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), expected) << line;
+        run++;
+        if (expected <= std::min<u64>(limit, 25000000)) {
+            EXPECT_EQ(perftBySearchMoves(0, std::stoi(depth), pos.get()), expected) << line;
+            bySearch++;
         }
-        testPosition pos;
-        int run = 0, bySearch = 0;
-        for (std::string line; std::getline(in, line) && line != "full";) {
-            std::istringstream s(line);
-            std::string fen, depth, count;
-            std::getline(s, fen, ';');
-            std::getline(s, depth, ';');
-            std::getline(s, count, ';');
-            const u64 expected = std::stoull(count);
-            if (expected > limit)
-                continue;
-            pos.set(fen);
-            EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), expected) << line;
-            run++;
-            if (expected <= std::min<u64>(limit, 25000000)) {
-                EXPECT_EQ(perftBySearchMoves(0, std::stoi(depth), pos.get()), expected) << line;
-                bySearch++;
-            }
-        }
-        EXPECT_GT(run, 0);
-        EXPECT_GT(bySearch, 0);
     }
+    EXPECT_GT(run, 0);
+    EXPECT_GT(bySearch, 0);
+}
+
+}  // namespace
+
+TEST(Perft, RepositoryReferenceLines) {
+    checkReferenceFile(std::string(QUORVANE_SOURCE_DIR) + "/tests/perft.txt");
+}
+
+TEST(Perft, SharedReferenceFile) {
+    REQUIRE_DATA("perft.txt");
+    checkReferenceFile(dataPath("perft.txt"));
 }
