@@ -190,6 +190,21 @@ check_unit_tests() {
         "$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\2 tests, \1 failed/p' "$dir.log")"
 }
 
+# The engine built the way OpenBench workers build it (make EXE=... CXX=...), with each
+# compiler at hand: the bench signature.
+check_openbench() {
+    local cxx exe out
+    for cxx in g++ clang++; do
+        command -v "$cxx" >/dev/null 2>&1 || { echo "skipped: no $cxx"; continue; }
+        exe="$builds/openbench-$cxx"
+        make -C "$repo" EXE="$exe" CXX="$cxx" EXE_BUILD="$builds/openbench-$cxx.build" \
+            CMAKE_ARGS="${CMAKE_ARGS:-}" >"$exe.log" 2>&1 || { result "make EXE CXX=$cxx" 1; continue; }
+        out=$("$exe" bench 2>&1 | tail -1)
+        [ "${out%% *}" = "$(cat "$repo/tools/bench_signature.txt")" ]
+        result "make EXE CXX=$cxx" $? "$out"
+    done
+}
+
 check() {
     toolchains
     require wine64:wine qemu-user:qemu-aarch64
@@ -202,6 +217,7 @@ check() {
         read -r name _ <<<"$t"
         check_binary "$name"
     done
+    check_openbench
     check_unit_tests aarch64-linux-gnu -DQUORVANE_ARCH=armv8-a
     check_unit_tests x86_64-w64-mingw32 -DQUORVANE_ARCH=x86-64 -DQUORVANE_STATIC=ON
 

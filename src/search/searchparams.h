@@ -57,14 +57,15 @@ constexpr int LMR_DEPTHS = 128;
 constexpr int LMR_MOVES = 256;
 constexpr std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> makeLmrTable() {
     std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> t{};
-    for (int r = 0; r < LMR_DEPTHS; r++)
+    for (int r = 0; r < LMR_DEPTHS; r++) {
+        int root = 0;  // n grows with c: the root only climbs (few steps for a compiler's limit)
         for (int c = 0; c < LMR_MOVES; c++) {
             const int n = (r * (c - 2)) / 9;
-            int root = 0;
             while ((root + 1) * (root + 1) <= n)
                 root++;
             t[r][c] = u8(c < 3 ? 0 : c == 3 ? 1 : root);
         }
+    }
     return t;
 }
 inline constexpr auto LMR = makeLmrTable();
