@@ -6,6 +6,7 @@
 #include <map>
 #include <sstream>
 
+#include "eval/evaluate.h"
 #include "test_util.h"
 #include "tuning/weightsfile.h"
 
@@ -136,6 +137,54 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     }
     EXPECT_GT(moved, 20) << "the run must have changed open values";
     EXPECT_GT(twins, 20) << "the run must have moved twins";
+}
+
+// The targets, measured before any step. Labelled with our own evaluation, every position
+// scores its "score" target exactly (error 0); the blend with lambda = 0.25 keeps a quarter
+// of each difference, so its error is a sixteenth of the results' error. Unlabelled lines are
+// left out.
+TEST(Tuner, TargetsBlendResultsAndLabels) {
+    REQUIRE_DATA("tuning/selfplay-labeled.epd");
+    const std::string dir = testing::TempDir();
+    const std::string data = dir + "tune_labelled.epd", log = dir + "tune_labelled.txt";
+    {
+        std::ifstream in(dataPath("tuning/selfplay-labeled.epd"));
+        std::ofstream sample(data);
+        testPosition tp;
+        std::string line;
+        for (int i = 0; i < 600 && std::getline(in, line); i++) {
+            if (i % 4 == 3) {
+                sample << line << "\n";
+                continue;
+            }
+            tp.set(line.substr(0, line.find(" c9")));
+            const int v = evaluateN(0, tp.get());
+            sample << line << " wcp " << (tp->sideToMove == WHITE ? v : -v) << ";\n";
+        }
+    }
+    // The first training error after K is fitted (against the results), then the one of
+    // epoch 0 (against the target).
+    auto run = [&](const std::string& target, double& resultError, double& targetError) {
+        const std::string command = std::string(QUORVANE_TUNE_BINARY) + " --target " + target
+                                    + " --epochs 0 --no-outpost --out " + dir
+                                    + "tune_labelled.cpp " + data + " > " + log + " 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
+        const std::string report = readFile(log);
+        EXPECT_NE(report.find("450 positions (0 lines skipped, 150 without a \"wcp\" label"),
+                  std::string::npos)
+            << report;
+        const size_t fitted = report.find(data + ": training "), epoch = report.find("epoch   0");
+        ASSERT_NE(fitted, std::string::npos) << report;
+        ASSERT_NE(epoch, std::string::npos) << report;
+        resultError = std::stod(report.substr(fitted + data.size() + 11));
+        targetError = std::stod(report.substr(epoch + 20));
+    };
+    double results = 0, score = 1, blend = 1;
+    run("score", results, score);
+    EXPECT_GT(results, 0.01);
+    EXPECT_EQ(score, 0.0);
+    run("blend --lambda 0.25", results, blend);
+    EXPECT_NEAR(blend, results / 16, 1e-6);
 }
 
 // Games to labelled positions: SAN with en passant, promotion, disambiguation and

@@ -1,6 +1,7 @@
 // quorvane_tune: fits the open evaluation tables (piece-square values, the lower passed-pawn
-// rows, the middle shield rows and the pawn storm) to game results by gradient descent on
-// the Texel loss, and writes them back into src/eval/weights.cpp.
+// rows, the middle shield rows and the pawn storm) to game results, to a stronger engine's
+// scores or to a blend of the two by gradient descent on the Texel loss, and writes them
+// back into src/eval/weights.cpp.
 //
 // It is built from the engine's own sources with QUORVANE_TUNING_BUILD, which makes the
 // tuned tables and the outpost rule writable. The coefficients come from the traced
@@ -13,7 +14,9 @@
 //  1. Load the labelled files; every tenth block of up to 256 positions is validation data.
 //  2. Leave out the positions that are not quiet: those whose quiescence score differs
 //     from their static evaluation.
-//  3. Fit K on the untouched evaluation, then hold it.
+//  3. Fit K on the untouched evaluation, then hold it. With labels, the target becomes
+//     lambda * result + (1 - lambda) * sigmoid(K, label): a game result is a weak verdict on
+//     one position, a stronger engine's score judges the position itself.
 //  4. Measure each outpost rule with the real evaluation and keep the best.
 //  5. Trace every position, then run Adam over mini-batches; report per epoch.
 //  6. Write the tables with the best validation error.
@@ -30,6 +33,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "board/bitboards.h"
@@ -108,11 +112,17 @@ struct options {
     double k = 0;           // 0 = fit it
     bool kPerFile = true;   // each file its own K: the players of its games set the scale
     bool balance = true;    // each file weighs the same in the loss
+    double lambda = 1;      // weight of the game result in the target; the label has the rest
 };
+
+// The label of an EPD line: "wcp N;", a stronger engine's score in centipawns from White's
+// point of view, after the result.
+constexpr const char* LABEL_OPCODE = "wcp";
 
 struct sample {
     std::string fen;
-    float result;
+    double result;  // the target: the game result, or its blend with the label
+    float label;   // White's centipawns from the label, when the target uses it
     u8 file;
     bool validation;
     bool quiet = true;
@@ -164,6 +174,8 @@ public:
     bool load();
     void filterQuiet();
     void fitK();
+    // Replaces each result by the target blended from it and the label.
+    void setTarget();
     void chooseOutpostRule();
     void trace();
     void train();
@@ -198,6 +210,25 @@ private:
     bool open[ENTRIES][2];
 };
 
+// The labels of a file by FEN, the FEN written as the texel loader writes it (the words
+// before "c9", each followed by a space).
+std::unordered_map<std::string, float> readLabels(const std::string& path) {
+    std::unordered_map<std::string, float> labels;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string fen, word;
+        while (words >> word && word != "c9")
+            fen += word + " ";
+        while (words >> word)
+            if (word == LABEL_OPCODE && words >> word) {
+                labels[fen] = std::strtof(word.c_str(), nullptr);
+                break;
+            }
+    }
+    return labels;
+}
+
 bool tuner::load() {
     for (size_t f = 0; f < opt.data.size(); f++) {
         std::vector<texelPosStruct> loaded;
@@ -208,15 +239,49 @@ bool tuner::load() {
         }
         if (opt.limit && loaded.size() > size_t(opt.limit))
             loaded.resize(size_t(opt.limit));
+        std::unordered_map<std::string, float> labels;
+        if (opt.lambda < 1)
+            labels = readLabels(opt.data[f]);
         // Blocks of neighbouring positions, mostly from one game, stay together.
         const size_t block = std::clamp<size_t>(loaded.size() / 100, 1, 256);
-        for (size_t i = 0; i < loaded.size(); i++)
-            samples.push_back(
-                {loaded[i].fen, float(loaded[i].result), u8(f), (i / block) % 10 == 9});
-        std::printf("%s: %zu positions (%d lines skipped)\n", opt.data[f].c_str(), loaded.size(),
-                    skipped);
+        size_t unlabelled = 0;
+        for (size_t i = 0; i < loaded.size(); i++) {
+            float label = 0;
+            if (opt.lambda < 1) {
+                auto it = labels.find(loaded[i].fen);
+                if (it == labels.end()) {
+                    unlabelled++;
+                    continue;
+                }
+                label = it->second;
+            }
+            samples.push_back({loaded[i].fen, loaded[i].result, label, u8(f),
+                               (i / block) % 10 == 9});
+        }
+        std::printf("%s: %zu positions (%d lines skipped", opt.data[f].c_str(),
+                    loaded.size() - unlabelled, skipped);
+        if (opt.lambda < 1)
+            std::printf(", %zu without a \"%s\" label left out", unlabelled, LABEL_OPCODE);
+        std::printf(")\n");
     }
     return !samples.empty();
+}
+
+void tuner::setTarget() {
+    if (opt.lambda >= 1)
+        return;
+    std::vector<double> agreement(opt.data.size(), 0), count(opt.data.size(), 0);
+    for (sample& s : samples) {
+        const double expected = sigmoid(k[s.file], s.label);
+        agreement[s.file] += (s.result - expected) * (s.result - expected);
+        count[s.file]++;
+        s.result = opt.lambda * s.result + (1 - opt.lambda) * expected;
+    }
+    std::printf("target: %.2f * result + %.2f * sigmoid(K, label)\n", opt.lambda, 1 - opt.lambda);
+    for (size_t f = 0; f < opt.data.size(); f++)
+        std::printf("texel error of the labels against the results of %s: %.6f\n",
+                    opt.data[f].c_str(), count[f] ? agreement[f] / count[f] : 0);
+    printFileErrors(realEvals(true));
 }
 
 void tuner::filterQuiet() {
@@ -690,13 +755,18 @@ void usage() {
         "  --weights PATH   weights source to rewrite (src/eval/weights.cpp)\n"
         "  --from PATH      start from the tables of this weights source\n"
         "  --outpost-rule N start from this outpost rule, not the one in use\n"
-        "  --out PATH       write there instead of over the weights source");
+        "  --out PATH       write there instead of over the weights source\n"
+        "  --target T       fit to: result (the game's), score (the sigmoid of the \"wcp\" label\n"
+        "                   with the fitted K) or blend (--lambda * result + the rest * score)\n"
+        "  --lambda X       weight of the result in the blend (0.5)");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     options opt;
+    std::string target = "result";
+    double lambda = 0.5;
     for (int i = 1; i < argc; i++) {
         const std::string a = argv[i];
         auto next = [&]() -> std::string {
@@ -742,16 +812,21 @@ int main(int argc, char** argv) {
             opt.from = next();
         else if (a == "--out")
             opt.out = next();
+        else if (a == "--target")
+            target = next();
+        else if (a == "--lambda")
+            lambda = std::clamp(std::stod(next()), 0.0, 1.0);
         else if (a == "--help" || a == "-h" || a[0] == '-') {
             usage();
             return a[0] == '-' && a != "--help" && a != "-h" ? 2 : 0;
         } else
             opt.data.push_back(a);
     }
-    if (opt.data.empty()) {
+    if (opt.data.empty() || (target != "result" && target != "score" && target != "blend")) {
         usage();
         return 2;
     }
+    opt.lambda = target == "result" ? 1.0 : target == "score" ? 0.0 : lambda;
     initBitboardConstants();
     initHashCodeTables();
     if (opt.startRule >= 0)
@@ -761,6 +836,7 @@ int main(int argc, char** argv) {
         return 1;
     t.filterQuiet();
     t.fitK();
+    t.setTarget();
     t.chooseOutpostRule();
     t.trace();
     t.train();
