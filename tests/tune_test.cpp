@@ -166,8 +166,9 @@ TEST(Tuner, TargetsBlendResultsAndLabels) {
     // epoch 0 (against the target).
     auto run = [&](const std::string& target, double& resultError, double& targetError) {
         const std::string command = std::string(QUORVANE_TUNE_BINARY) + " --target " + target
-                                    + " --epochs 0 --no-outpost --out " + dir
-                                    + "tune_labelled.cpp " + data + " > " + log + " 2>&1";
+                                    + " --epochs 0 --no-outpost --weights " + QUORVANE_SOURCE_DIR
+                                    + "/src/eval/weights.cpp --out " + dir + "tune_labelled.cpp "
+                                    + data + " > " + log + " 2>&1";
         ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
         const std::string report = readFile(log);
         EXPECT_NE(report.find("450 positions (0 lines skipped, 150 without a \"wcp\" label"),
