@@ -1,7 +1,7 @@
 // What the operating system provides, behind one small interface: read-only file mappings
 // (the tablebase files), the transposition table's large zeroed allocation, the command
-// input and the size of physical memory. platform_posix.cpp and platform_windows.cpp implement it; they are the
-// only sources that include an operating-system header.
+// input and the size of physical memory. platform_posix.cpp and platform_windows.cpp
+// implement it; they are the only sources that include an operating-system header.
 #pragma once
 
 #include <cstddef>

@@ -67,8 +67,8 @@ void unmapFile(fileMapping& mapping) {
 void* allocateLarge(size_t bytes) {
     size_t align = alignmentFor(bytes);
     bytes = roundedSize(bytes);
-    void* p = ::mmap(nullptr, bytes + align, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                     -1, 0);
+    void* p =
+        ::mmap(nullptr, bytes + align, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED)
         return nullptr;
     if (!align)

@@ -30,10 +30,10 @@ size_t largePageSize() {
         TOKEN_PRIVILEGES tp{};
         tp.PrivilegeCount = 1;
         tp.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-        bool granted = ::LookupPrivilegeValueA(nullptr, "SeLockMemoryPrivilege",
-                                               &tp.Privileges[0].Luid)
-                       && ::AdjustTokenPrivileges(token, FALSE, &tp, 0, nullptr, nullptr)
-                       && ::GetLastError() == ERROR_SUCCESS;
+        bool granted =
+            ::LookupPrivilegeValueA(nullptr, "SeLockMemoryPrivilege", &tp.Privileges[0].Luid)
+            && ::AdjustTokenPrivileges(token, FALSE, &tp, 0, nullptr, nullptr)
+            && ::GetLastError() == ERROR_SUCCESS;
         ::CloseHandle(token);
         return granted ? minimum : size_t(0);
     }();
@@ -92,8 +92,8 @@ void unmapFile(fileMapping& mapping) {
 void* allocateLarge(size_t bytes) {
     if (size_t page = largePageSize(); page && bytes >= page) {
         size_t rounded = (bytes + page - 1) / page * page;
-        if (void* p = ::VirtualAlloc(nullptr, rounded,
-                                     MEM_RESERVE | MEM_COMMIT | MEM_LARGE_PAGES, PAGE_READWRITE))
+        if (void* p = ::VirtualAlloc(nullptr, rounded, MEM_RESERVE | MEM_COMMIT | MEM_LARGE_PAGES,
+                                     PAGE_READWRITE))
             return p;
     }
     return ::VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
