@@ -25,6 +25,8 @@ jobs=${JOBS:-$(nproc)}
 data=${QUORVANE_DATA_DIR:-$(cd "$repo/.." && pwd)/shared/data}
 read -r -a extra <<<"${CMAKE_ARGS:-}"
 export WINEDEBUG=-all
+# A wine prefix of our own (made on first use, some 15 s): nothing of the user's is needed.
+export WINEPREFIX=${WINEPREFIX:-$builds/wine}
 
 # name, toolchain file in cmake/toolchains (- for the build machine's compiler), -march
 targets=(
@@ -232,6 +234,7 @@ check() {
 bench_nps() { "$@" bench 2>&1 | tr -d '\r' | sed -n 's/^Nodes\/second: //p'; }
 
 speed() {
+    mkdir -p "$builds"
     local runs=${RUNS:-3} r t name nps
     local -A best=()
     local names=(native)
