@@ -47,15 +47,6 @@ inline std::vector<std::string> engineCommand() {
     std::istringstream in(custom);
     for (std::string word; in >> word;)
         words.push_back(word);
-    if (!words.empty() && words[0].find('/') == std::string::npos)
-        if (const char* path = std::getenv("PATH")) {
-            std::istringstream dirs(path);
-            for (std::string dir; std::getline(dirs, dir, ':');)
-                if (!dir.empty() && ::access((dir + "/" + words[0]).c_str(), X_OK) == 0) {
-                    words[0] = dir + "/" + words[0];
-                    break;
-                }
-        }
     return words;
 }
 
@@ -207,7 +198,7 @@ private:
                 ::dup2(fd, 2);
             if (dir && ::chdir(dir) != 0)
                 ::_exit(126);
-            ::execve(argv[0], argv.data(), envp.data());
+            ::execvpe(argv[0], argv.data(), envp.data());
             ::_exit(127);
         }
         ::close(in[0]);
