@@ -33,7 +33,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "board/bitboards.h"
@@ -114,10 +113,6 @@ struct options {
     bool balance = true;    // each file weighs the same in the loss
     double lambda = 1;      // weight of the game result in the target; the label has the rest
 };
-
-// The label of an EPD line: "wcp N;", a stronger engine's score in centipawns from White's
-// point of view, after the result.
-constexpr const char* LABEL_OPCODE = "wcp";
 
 struct sample {
     std::string fen;
@@ -212,48 +207,25 @@ private:
 
 // The labels of a file by FEN, the FEN written as the texel loader writes it (the words
 // before "c9", each followed by a space).
-std::unordered_map<std::string, float> readLabels(const std::string& path) {
-    std::unordered_map<std::string, float> labels;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string fen, word;
-        while (words >> word && word != "c9")
-            fen += word + " ";
-        while (words >> word)
-            if (word == LABEL_OPCODE && words >> word) {
-                labels[fen] = std::strtof(word.c_str(), nullptr);
-                break;
-            }
-    }
-    return labels;
-}
-
 bool tuner::load() {
     for (size_t f = 0; f < opt.data.size(); f++) {
         std::vector<texelPosStruct> loaded;
+        std::vector<float> labels;
         int skipped = 0;
-        if (!loadTexelPositions(opt.data[f], loaded, skipped)) {
+        if (!loadTexelPositions(opt.data[f], loaded, skipped, opt.lambda < 1 ? &labels : nullptr)) {
             std::fprintf(stderr, "cannot read %s\n", opt.data[f].c_str());
             return false;
         }
         if (opt.limit && loaded.size() > size_t(opt.limit))
             loaded.resize(size_t(opt.limit));
-        std::unordered_map<std::string, float> labels;
-        if (opt.lambda < 1)
-            labels = readLabels(opt.data[f]);
         // Blocks of neighbouring positions, mostly from one game, stay together.
         const size_t block = std::clamp<size_t>(loaded.size() / 100, 1, 256);
         size_t unlabelled = 0;
         for (size_t i = 0; i < loaded.size(); i++) {
-            float label = 0;
-            if (opt.lambda < 1) {
-                auto it = labels.find(loaded[i].fen);
-                if (it == labels.end()) {
-                    unlabelled++;
-                    continue;
-                }
-                label = it->second;
+            const float label = opt.lambda < 1 ? labels[i] : 0;
+            if (std::isnan(label)) {
+                unlabelled++;
+                continue;
             }
             samples.push_back({loaded[i].fen, loaded[i].result, label, u8(f),
                                (i / block) % 10 == 9});

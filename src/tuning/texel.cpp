@@ -1,6 +1,7 @@
 #include "tuning/texel.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <ostream>
@@ -11,7 +12,8 @@
 std::vector<texelPosStruct> texelPositions;
 texelWorkForce theTexelWorkForce;
 
-bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped) {
+bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped,
+                        std::vector<float>* labels) {
     std::ifstream in(path);
     if (!in)
         return false;
@@ -36,6 +38,15 @@ bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& in
         words >> result;
         const std::string code = result.size() >= 4 ? result.substr(1, 3) : "";
         into.push_back({fen, code == "1-0" ? 1.0 : code == "1/2" ? 0.5 : 0.0, 0});
+        if (labels) {
+            float label = std::numeric_limits<float>::quiet_NaN();
+            while (words >> word)
+                if (word == LABEL_OPCODE && words >> word) {
+                    label = std::strtof(word.c_str(), nullptr);
+                    break;
+                }
+            labels->push_back(label);
+        }
     }
     return true;
 }

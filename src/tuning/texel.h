@@ -23,10 +23,16 @@ constexpr int TEXEL_WORKERS = 30;
 // Logistic scale: 400 / TEXEL_SCALE centipawns per factor of ten in the odds.
 constexpr double TEXEL_SCALE = 1.55;
 
+// The label of an EPD line: "wcp N;" after the result, a stronger engine's score in
+// centipawns from White's point of view.
+constexpr const char* LABEL_OPCODE = "wcp";
+
 // Reads "<FEN words> c9 "<result>";" lines into `into`. Lines without "c9" or with a FEN
 // the board layer rejects are skipped and counted; a result other than 1-0 or 1/2 counts
-// as 0-1. False when the file cannot be opened.
-bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped);
+// as 0-1. With `labels`, each kept line also adds its label there, NaN when it has none.
+// False when the file cannot be opened.
+bool loadTexelPositions(const std::string& path, std::vector<texelPosStruct>& into, int& skipped,
+                        std::vector<float>* labels = nullptr);
 
 extern std::vector<texelPosStruct> texelPositions;
 
