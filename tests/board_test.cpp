@@ -1,8 +1,10 @@
 // The board layer: magic lookups against ray walks, make/take-back against from-scratch
-// recomputation over random games, castling rights, and the FEN reader.
+// recomputation over random games, castling rights, and the FEN reader on bad and mutated
+// input (under the sanitizer build any memory or undefined-behaviour fault stops the test).
 #include <cstring>
 #include <set>
 
+#include "board/perft.h"
 #include "test_util.h"
 
 namespace {
@@ -109,14 +111,10 @@ void expectLegalListIsExact(positionStruct* pos, int ply, const std::string& whe
 TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
     testPosition pos;
     std::mt19937 rng(20240601);
-    const char* starts[] = {fenStartPos,
-                            "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
-                            "8/2p5/3p4/KP5r/1R3p1k/8/4P1P1/8 w - - 0 1",
-                            "r3k2r/Pppp1ppp/1b3nbN/nP6/BBP1P3/q4N2/Pp1P2PP/R2Q1RK1 w kq - 0 1",
-                            "rnbq1k1r/pp1Pbppp/2p5/8/2B5/8/PPP1NnPP/RNBQK2R w KQ - 1 8"};
     long checked = 0;
     for (int g = 0; g < 2000 / TEST_WORK_DIVISOR; g++) {
-        pos.set(starts[g % 5]);
+        const char* start = TEST_FENS[g % std::size(TEST_FENS)];
+        pos.set(start);
         std::vector<moveStruct> line;
         for (int ply = 0; ply < 120; ply++) {
             std::string where = " game " + std::to_string(g) + " ply " + std::to_string(ply);
@@ -171,7 +169,7 @@ TEST(MakeMove, RandomGamesRestoreEveryFieldAndMatchScratch) {
         for (int ply = int(line.size()) - 1; ply >= 0; ply--)
             line[ply].empty() ? takeBackNullMove(pos.get(), ply)
                               : takeBack(pos.get(), ply, line[ply]);
-        testPosition fresh(starts[g % 5]);
+        testPosition fresh(start);
         ASSERT_TRUE(snapshot(pos.get()) == snapshot(fresh.get())) << "game " << g;
     }
     EXPECT_GT(checked, 10000 / TEST_WORK_DIVISOR);
@@ -197,6 +195,38 @@ TEST(Fen, RejectedInputs) {
         EXPECT_FALSE(setPosition(fen, pos.get(), &error)) << "'" << fen << "'";
         EXPECT_FALSE(error.empty()) << fen;
     }
+}
+
+// What the reader accepts holds what the rest of the engine relies on, and generates, makes
+// and takes back cleanly; what it refuses comes with a reason.
+TEST(Fen, MutatedInputsRefusedOrSound) {
+    testPosition tp;
+    std::mt19937_64 rng(fuzzSeed());
+    int accepted = 0;
+    const int rounds = 20000 / TEST_WORK_DIVISOR;
+    for (int i = 0; i < rounds && !HasFatalFailure(); i++) {
+        const std::string fen = mutatedFen(rng);
+        std::string error;
+        if (!setPosition(fen, tp.get(), &error)) {
+            ASSERT_FALSE(error.empty()) << fen;
+            continue;
+        }
+        accepted++;
+        tp->bindMoveBuffer(tp.buffer.data());
+        const bitboard* b = tp->bitboards;
+        const int them = tp->sideToMove ^ 1;
+        ASSERT_TRUE(popCount(b[WKING]) == 1 && popCount(b[BKING]) == 1
+                    && !((b[WPAWN] | b[BPAWN]) & (rankBB(0) | rankBB(7)))
+                    && !squareAttacked(tp.get(), tp->kingSquare(them), them ^ 1, tp->occupied())
+                    && tp->gamePly >= 1 && tp->gamePly <= 513)
+            << fen;
+        expectConsistent(tp.get(), 0, fen);
+        expectLegalListIsExact(tp.get(), 0, fen);
+        const std::string before = snapshot(tp.get());
+        perft(0, 2, tp.get());
+        ASSERT_TRUE(snapshot(tp.get()) == before) << fen;
+    }
+    EXPECT_GT(accepted, rounds / 20) << "the mutations hardly ever produce a readable FEN";
 }
 
 }  // namespace

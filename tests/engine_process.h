@@ -15,14 +15,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "test_util.h"
 
 extern char** environ;
 
@@ -41,13 +41,7 @@ inline const int ENGINE_TIME_SCALE = [] {
 // word without a '/' is looked up in PATH.
 inline std::vector<std::string> engineCommand() {
     const char* custom = std::getenv("QUORVANE_ENGINE");
-    if (!custom || !*custom)
-        return {QUORVANE_BINARY};
-    std::vector<std::string> words;
-    std::istringstream in(custom);
-    for (std::string word; in >> word;)
-        words.push_back(word);
-    return words;
+    return custom && *custom ? words(custom) : std::vector<std::string>{QUORVANE_BINARY};
 }
 
 struct engineOptionsStruct {
@@ -228,10 +222,3 @@ private:
         return true;
     }
 };
-
-// Reads a whole text file (for standard error captured in a file).
-inline std::string readTextFile(const std::string& path) {
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
-}

@@ -12,14 +12,6 @@ i64 msSince(clockType::time_point t) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(clockType::now() - t).count();
 }
 
-std::vector<std::string> words(const std::string& s) {
-    std::istringstream in(s);
-    std::vector<std::string> w;
-    for (std::string t; in >> t;)
-        w.push_back(t);
-    return w;
-}
-
 std::vector<std::string> after(const std::string& info, const std::string& key) {
     auto w = words(info);
     auto it = std::find(w.begin(), w.end(), key);

@@ -1,10 +1,12 @@
 // Helpers shared by the tests: tables, positions owning their move buffer, data paths,
-// FEN writing and mirroring, legal moves and lines, random walks, EPD files, tablebases.
+// FEN writing and mirroring, legal moves and lines, random walks, mutated text, EPD and
+// text files, captured output, tablebases.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -31,6 +33,21 @@ inline void initTables() {
     initBitboardConstants();
     initHashCodeTables();
 }
+
+// Start points rich in castling, en passant, promotions and pins: the usual perft positions,
+// then an en-passant capture that bares the king, nine queens and fields left out.
+inline const char* const TEST_FENS[] = {
+    "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1",
+    "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
+    "8/2p5/3p4/KP5r/1R3p1k/8/4P1P1/8 w - - 0 1",
+    "r3k2r/Pppp1ppp/1b3nbN/nP6/BBP1P3/q4N2/Pp1P2PP/R2Q1RK1 w kq - 0 1",
+    "rnbq1k1r/pp1Pbppp/2p5/8/2B5/8/PPP1NnPP/RNBQK2R w KQ - 1 8",
+    "rnbqkbnr/ppp1pppp/8/3pP3/8/8/PPPP1PPP/RNBQKBNR w KQkq d6 0 2",
+    "8/8/8/K2pP2r/8/8/8/7k w - d6 0 1",
+    "3Q4/1Q4Q1/4Q3/2Q4R/Q4Q2/3Q4/1Q4Rp/1K1BBNNk w - - 0 1",
+    "8/8/8/8/8/8/8/K6k w",
+    "4k3/1P6/8/8/8/8/6p1/4K3 b - - 0 1",
+};
 
 struct testPosition {
     std::unique_ptr<positionStruct> pos = std::make_unique<positionStruct>();
@@ -160,6 +177,59 @@ inline std::string mirrorFen(const std::string& fen) {
     return out + (side == "w" ? " b " : " w ") + (rights.empty() ? "-" : rights) + " " + ep + rest;
 }
 
+// The words of a line, split at white space.
+inline std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    for (std::string t; in >> t;)
+        w.push_back(t);
+    return w;
+}
+
+// The fuzzers' seed: fixed for reproducibility; QUORVANE_FUZZ_SEED picks another.
+inline u64 fuzzSeed() {
+    const char* s = std::getenv("QUORVANE_FUZZ_SEED");
+    return s ? std::strtoull(s, nullptr, 10) : 20240611;
+}
+
+// `s` after `edits` random deletions, insertions, replacements, repeats and cuts.
+inline std::string mutate(std::string s, std::mt19937_64& rng, const std::string& alphabet,
+                          int edits) {
+    for (int e = 0; e < edits; e++) {
+        size_t at = s.empty() ? 0 : rng() % s.size();
+        char c = alphabet[rng() % alphabet.size()];
+        switch (rng() % 6) {
+            case 0:
+                s.erase(at, 1);
+                break;
+            case 1:
+                s.insert(at, 1, c);
+                break;
+            case 2:
+                if (!s.empty())
+                    s[at] = c;
+                break;
+            case 3:
+                s.erase(at, rng() % 6);  // a run of characters
+                break;
+            case 4:
+                s.insert(at, s.substr(rng() % (s.size() + 1), rng() % 8));  // a repeated piece
+                break;
+            default:
+                s = s.substr(0, at);  // cut short
+                break;
+        }
+    }
+    return s;
+}
+
+// One of TEST_FENS with one to three edits in the characters a FEN is made of.
+inline std::string mutatedFen(std::mt19937_64& rng) {
+    const char* base = TEST_FENS[rng() % std::size(TEST_FENS)];
+    return mutate(base, rng, "pnbrqkPNBRQK12345678/ -wbKQkqabcdefgh0123456789x9",
+                  1 + int(rng() % 3));
+}
+
 // The first `limit` positions of an EPD file (the four FEN fields of each line).
 inline std::vector<std::string> readEpd(const std::string& rel, size_t limit) {
     std::vector<std::string> fens;
@@ -173,10 +243,23 @@ inline std::vector<std::string> readEpd(const std::string& rel, size_t limit) {
     return fens;
 }
 
-// Loads the shared tables (their count line goes to the captured output, not the log).
-inline void loadTablebases(const std::string& path = dataPath("syzygy")) {
-    initTables();
+// A whole text file (a tool's report, standard error captured in a file).
+inline std::string readTextFile(const std::string& path) {
+    std::stringstream s;
+    s << std::ifstream(path).rdbuf();
+    return s.str();
+}
+
+// What run() prints on standard output, kept out of the log.
+template <typename Run>
+std::string stdoutOf(Run run) {
     testing::internal::CaptureStdout();
-    init_tablebases(path);
-    testing::internal::GetCapturedStdout();
+    run();
+    return testing::internal::GetCapturedStdout();
+}
+
+// Loads the tables found on `path`; returns the count line they print.
+inline std::string loadTablebases(const std::string& path = dataPath("syzygy")) {
+    initTables();
+    return stdoutOf([&] { init_tablebases(path); });
 }
