@@ -75,29 +75,11 @@ std::vector<std::string> registeredNames() {
     return names;
 }
 
-// Runs init_tablebases and returns what it printed.
-std::string initOutput(const std::string& path) {
-    initTables();
-    testing::internal::CaptureStdout();
-    init_tablebases(path);
-    return testing::internal::GetCapturedStdout();
-}
-
 int probeFen(const std::string& fen, int* success) { return probe_wdl(probePos(fen), success); }
 
-// The root adapter's move (its "info" line is captured and returned in *out).
-moveStruct rootMove(positionStruct* pos, std::string* out = nullptr) {
-    testing::internal::CaptureStdout();
-    moveStruct m = syzygyProbeDTZ(0, pos);
-    std::string text = testing::internal::GetCapturedStdout();
-    if (out)
-        *out = text;
-    return m;
-}
-
 struct tempDir {
-    fs::path path = fs::temp_directory_path()
-                    / ("quorvane_tb_" + std::to_string(std::random_device{}()));
+    fs::path path =
+        fs::temp_directory_path() / ("quorvane_tb_" + std::to_string(std::random_device{}()));
     tempDir() { fs::create_directories(path); }
     // Windows deletes no file that is still mapped: the test releases the tables first.
     ~tempDir() {
@@ -174,8 +156,8 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
         const int winner = tp->sideToMove;
         tb_move moves[TB_MAX_MOVES];
         for (int plies = 0; plies < 400 && tb_legal_moves(p, moves) > 0; plies++) {
-            std::string info;
-            moveStruct m = rootMove(tp.get(), &info);
+            moveStruct m;
+            const std::string info = stdoutOf([&] { m = syzygyProbeDTZ(0, tp.get()); });
             ASSERT_FALSE(m.empty()) << start << " at " << fenOf(tp.get());
             EXPECT_EQ(info.rfind("info score cp ", 0), 0u) << info;
             EXPECT_NE(info.find(" pv " + moveToLA(&m, u8(p.side)) + "\n"), std::string::npos)
@@ -200,7 +182,9 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
             if (probe_wdl(p, &ok) >= 0 || n == 0)
                 continue;
             tp.set(fen);
-            playAtRoot(tp.get(), rootMove(tp.get()));
+            moveStruct m;
+            stdoutOf([&] { m = syzygyProbeDTZ(0, tp.get()); });
+            playAtRoot(tp.get(), m);
             ASSERT_TRUE(tb_pos_from_position(tp.get(), &child));
             const int cd = probe_dtz(child, &ok);
             EXPECT_GT(probe_wdl(child, &ok), 0) << fen;
@@ -218,23 +202,23 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
 TEST_F(Tablebase, Registration) {
     const std::string rook = "8/8/8/4k3/8/8/8/4K2R w - - 0 1";
     int ok;
-    EXPECT_EQ(initOutput(dataPath("syzygy")), "Found 35 tablebases.\n");
-    EXPECT_EQ(initOutput("<empty>"), "");
+    EXPECT_EQ(loadTablebases(), "Found 35 tablebases.\n");
+    EXPECT_EQ(loadTablebases("<empty>"), "");
     EXPECT_EQ(TB_LARGEST + TBnum_piece + TBnum_pawn, 0);
     probeFen(rook, &ok);
     EXPECT_EQ(ok, 0);
-    EXPECT_EQ(initOutput("/nonexistent/folder"), "Found 0 tablebases.\n");
+    EXPECT_EQ(loadTablebases("/nonexistent/folder"), "Found 0 tablebases.\n");
 
     tempDir a, b;
     b.copy("KRvK.rtbw");
     const std::string sep(1, platform::PATH_LIST_SEPARATOR);
-    EXPECT_EQ(initOutput(sep + sep + "/nonexistent" + sep + a.path.string() + sep + sep
-                         + b.path.string() + sep),
+    EXPECT_EQ(loadTablebases(sep + sep + "/nonexistent" + sep + a.path.string() + sep + sep
+                             + b.path.string() + sep),
               "Found 1 tablebases.\n");
     EXPECT_EQ(probeFen(rook, &ok), 2);
     EXPECT_EQ(ok, 1);
     std::ofstream(a.path / "KRvK.rtbw") << "not a table at all";
-    initOutput(a.path.string() + sep + b.path.string());
+    loadTablebases(a.path.string() + sep + b.path.string());
     for (const char* message : {"Corrupted table.\n", ""}) {
         testing::internal::CaptureStderr();
         probeFen(rook, &ok);
@@ -245,7 +229,7 @@ TEST_F(Tablebase, Registration) {
     // A file too large for the address space left: the probe fails, the program goes on.
     std::ofstream(a.path / "KBvK.rtbw").put('\x71');
     fs::resize_file(a.path / "KBvK.rtbw", uintmax_t(8) << 30);  // sparse
-    initOutput(a.path.string());
+    loadTablebases(a.path.string());
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     rlimit old{}, low{};
@@ -267,7 +251,7 @@ TEST_F(Tablebase, Registration) {
         EXPECT_EQ(ok, 0);
     }
 #endif
-    initOutput("<empty>");
+    loadTablebases("<empty>");
 }
 
 // Threads probe at once from a cold start: every table loads once, every thread reads the
