@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <sstream>
 
 #include "eval/evaluate.h"
 #include "test_util.h"
@@ -14,11 +13,27 @@ namespace {
 
 using pairs = std::vector<std::pair<int, int>>;
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+// Runs a tool's command line with its output in the file `out`, its errors too unless `err`
+// names a file of their own; returns the output. A failed run fails the test.
+std::string run(const std::string& command, const std::string& out, const std::string& err = "") {
+    const std::string errors = err.empty() ? "&1" : " " + err;
+    EXPECT_EQ(std::system((command + " > " + out + " 2>" + errors).c_str()), 0)
+        << command << "\n"
+        << readTextFile(err.empty() ? out : err);
+    return readTextFile(out);
+}
+
+// The first `count` lines of the labelled tuning file, in a file of the test's own;
+// transform may rewrite line i.
+template <typename Transform>
+std::string sampleFile(const std::string& name, int count, Transform transform) {
+    const std::string path = testing::TempDir() + name;
+    std::ifstream in(dataPath("tuning/selfplay-labeled.epd"));
+    std::ofstream sample(path);
+    std::string line;
+    for (int i = 0; i < count && std::getline(in, line); i++)
+        sample << transform(i, line) << "\n";
+    return path;
 }
 
 // The text with every pair's numbers taken out: what must stay as it was.
@@ -72,30 +87,21 @@ bool isGiven(const std::string& table, int i, int half) {
 // One run with --mirror covers the plain run too: the mirror only averages gradients.
 TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
     REQUIRE_DATA("tuning/selfplay-labeled.epd");
-    const std::string dir = testing::TempDir();
-    const std::string data = dir + "tune_sample.epd", out = dir + "tune_weights.cpp",
-                      log = dir + "tune_log.txt";
-    {
-        std::ifstream in(dataPath("tuning/selfplay-labeled.epd"));
-        std::ofstream sample(data);
-        std::string line;
-        for (int i = 0; i < 400 && std::getline(in, line); i++)
-            sample << line << "\n";
-    }
+    const std::string data =
+        sampleFile("tune_sample.epd", 400, [](int, auto& line) { return line; });
+    const std::string out = testing::TempDir() + "tune_weights.cpp";
     const std::string original = std::string(QUORVANE_SOURCE_DIR) + "/src/eval/weights.cpp";
-    const std::string command = std::string(QUORVANE_TUNE_BINARY)
-                                + " --epochs 2 --last --min-uses 1 --batch 64 --lr 4 --threads 2"
-                                + " --mirror --weights " + original + " --out " + out + " " + data
-                                + " > " + log + " 2>&1";
     std::remove(out.c_str());
-    ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
-
-    const std::string report = readFile(log);
+    const std::string report = run(
+        std::string(QUORVANE_TUNE_BINARY)
+            + " --epochs 2 --last --min-uses 1 --batch 64 --lr 4 --threads 2 --mirror --weights "
+            + original + " --out " + out + " " + data,
+        testing::TempDir() + "tune_log.txt");
     EXPECT_NE(report.find("epoch   2"), std::string::npos) << report;
     EXPECT_NE(report.find("outpost rule chosen"), std::string::npos) << report;
     EXPECT_EQ(report.find("differs from evaluateN"), std::string::npos) << report;
 
-    const std::string before = readFile(original), after = readFile(out);
+    const std::string before = readTextFile(original), after = readTextFile(out);
     ASSERT_FALSE(after.empty()) << report;
     EXPECT_EQ(withoutNumbers(before), withoutNumbers(after))
         << "only the numbers of the pairs may change";
@@ -145,32 +151,22 @@ TEST(Tuner, RunKeepsTheGivenWeightsAndTheLayout) {
 // left out.
 TEST(Tuner, TargetsBlendResultsAndLabels) {
     REQUIRE_DATA("tuning/selfplay-labeled.epd");
-    const std::string dir = testing::TempDir();
-    const std::string data = dir + "tune_labelled.epd", log = dir + "tune_labelled.txt";
-    {
-        std::ifstream in(dataPath("tuning/selfplay-labeled.epd"));
-        std::ofstream sample(data);
-        testPosition tp;
-        std::string line;
-        for (int i = 0; i < 600 && std::getline(in, line); i++) {
-            if (i % 4 == 3) {
-                sample << line << "\n";
-                continue;
-            }
-            tp.set(line.substr(0, line.find(" c9")));
-            const int v = evaluateN(0, tp.get());
-            sample << line << " wcp " << (tp->sideToMove == WHITE ? v : -v) << ";\n";
-        }
-    }
+    testPosition tp;
+    const std::string data = sampleFile("tune_labelled.epd", 600, [&](int i, auto& line) {
+        if (i % 4 == 3)
+            return line;
+        tp.set(line.substr(0, line.find(" c9")));
+        const int v = evaluateN(0, tp.get());
+        return line + " wcp " + std::to_string(tp->sideToMove == WHITE ? v : -v) + ";";
+    });
     // The first training error after K is fitted (against the results), then the one of
     // epoch 0 (against the target).
-    auto run = [&](const std::string& target, double& resultError, double& targetError) {
-        const std::string command = std::string(QUORVANE_TUNE_BINARY) + " --target " + target
-                                    + " --epochs 0 --no-outpost --weights " + QUORVANE_SOURCE_DIR
-                                    + "/src/eval/weights.cpp --out " + dir + "tune_labelled.cpp "
-                                    + data + " > " + log + " 2>&1";
-        ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
-        const std::string report = readFile(log);
+    auto tune = [&](const std::string& target, double& resultError, double& targetError) {
+        const std::string report = run(std::string(QUORVANE_TUNE_BINARY) + " --target " + target
+                                           + " --epochs 0 --no-outpost --weights "
+                                           + QUORVANE_SOURCE_DIR + "/src/eval/weights.cpp --out "
+                                           + testing::TempDir() + "tune_labelled.cpp " + data,
+                                       testing::TempDir() + "tune_labelled.txt");
         EXPECT_NE(report.find("450 positions (0 lines skipped, 150 without a \"wcp\" label"),
                   std::string::npos)
             << report;
@@ -181,10 +177,10 @@ TEST(Tuner, TargetsBlendResultsAndLabels) {
         targetError = std::stod(report.substr(epoch + 20));
     };
     double results = 0, score = 1, blend = 1;
-    run("score", results, score);
+    tune("score", results, score);
     EXPECT_GT(results, 0.01);
     EXPECT_EQ(score, 0.0);
-    run("blend --lambda 0.25", results, blend);
+    tune("blend --lambda 0.25", results, blend);
     EXPECT_NEAR(blend, results / 16, 1e-6);
 }
 
@@ -192,9 +188,8 @@ TEST(Tuner, TargetsBlendResultsAndLabels) {
 // castling; positions before captures, promotions and repeated positions left out; the
 // en-passant field only where a pawn can take; games without a result skipped.
 TEST(Tuner, GamesBecomeLabelledPositions) {
-    const std::string dir = testing::TempDir();
-    const std::string pgn = dir + "pgn2epd.pgn", epd = dir + "pgn2epd.epd",
-                      log = dir + "pgn2epd.txt";
+    const std::string pgn = testing::TempDir() + "pgn2epd.pgn",
+                      log = testing::TempDir() + "pgn2epd.txt";
     std::ofstream(pgn)
         << "[Event \"a\"]\n[Result \"1-0\"]\n\n"
            "1. e4 {+0.30/10 0.1s} d5 2. e5 f5 3. exf6 Nc6 4. fxg7 Nf6\n5. gxh8=Q+ 1-0\n\n"
@@ -202,9 +197,8 @@ TEST(Tuner, GamesBecomeLabelledPositions) {
            "1. e4 d5 2. e5 f5 3. Nf3 Nf6 4. Be2 Nbd7 5. O-O 0-1\n\n"
            "[Event \"c\"]\n[Result \"*\"]\n\n1. d4 *\n\n"
            "[Event \"d\"]\n[Result \"1-0\"]\n\n1. c4 Qh4 1-0\n";
-    const std::string command =
-        std::string(QUORVANE_PGN2EPD_BINARY) + " --skip 0 " + pgn + " > " + epd + " 2> " + log;
-    ASSERT_EQ(std::system(command.c_str()), 0) << readFile(log);
+    const std::string epd = run(std::string(QUORVANE_PGN2EPD_BINARY) + " --skip 0 " + pgn,
+                                testing::TempDir() + "pgn2epd.epd", log);
     const char* const expected =
         "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - c9 \"1-0\";\n"
         "rnbqkbnr/pppppppp/8/8/4P3/8/PPPP1PPP/RNBQKBNR b KQkq - c9 \"1-0\";\n"
@@ -217,8 +211,8 @@ TEST(Tuner, GamesBecomeLabelledPositions) {
         "rnbqkb1r/ppp1p1pp/5n2/3pPp2/8/5N2/PPPP1PPP/RNBQKB1R w KQkq - c9 \"0-1\";\n"
         "rnbqkb1r/ppp1p1pp/5n2/3pPp2/8/5N2/PPPPBPPP/RNBQK2R b KQkq - c9 \"0-1\";\n"
         "r1bqkb1r/pppnp1pp/5n2/3pPp2/8/5N2/PPPPBPPP/RNBQK2R w KQkq - c9 \"0-1\";\n";
-    EXPECT_EQ(readFile(epd), expected);
-    const std::string report = readFile(log);
+    EXPECT_EQ(epd, expected);
+    const std::string report = readTextFile(log);
     EXPECT_NE(report.find("cannot read move Qh4"), std::string::npos) << report;
     EXPECT_NE(
         report.find("4 games read, 3 used, 11 positions written, 1 games with unreadable moves"),
