@@ -59,9 +59,13 @@ protected:
             makeMove(pos, int(ply), m);
         }
         setInCheck(u8(moves.size()), pos);
-        searchLimits.infinite = true;
         pos->nodes = pos->qNodes = 0;
-        short s = alfabeta(u8(moves.size()), depth, short(alpha), short(beta), pos);
+        return searchAt(u8(moves.size()), depth, alpha, beta);
+    }
+    // The node search at `ply` of the loaded position, with the clock off.
+    short searchAt(u8 ply, int depth, int alpha, int beta) {
+        searchLimits.infinite = true;
+        const short s = alfabeta(ply, depth, short(alpha), short(beta), tp.get());
         searchLimits.infinite = false;
         return s;
     }
@@ -85,8 +89,8 @@ TEST_F(SearchTest, MatesScoreByDistance) {
 }
 
 TEST_F(SearchTest, MateStalemateFiftyMovesAndBareMinors) {
-    EXPECT_EQ(search("7k/5Q2/6K1/8/8/8/8/8 b - - 0 1", 4).score, 0);
-    EXPECT_TRUE(search("7k/5Q2/6K1/8/8/8/8/8 b - - 0 1", 4).bestMove.empty());
+    const searchResultStruct stalemate = search("7k/5Q2/6K1/8/8/8/8/8 b - - 0 1", 4);
+    EXPECT_TRUE(stalemate.score == 0 && stalemate.bestMove.empty()) << stalemate.score;
     // A checkmated node scores ply - MATE whatever its fifty-move counter.
     for (int clock : {0, 99, 100, 140}) {
         searchResultStruct r =
@@ -119,7 +123,8 @@ TEST_F(SearchTest, DeepQuiescenceSearchesOnlyRecaptures) {
             makeMove(pos, 0, m);
             setInCheck(1, pos);
             const bool takes = depth == -4 || std::string(last) == "a2d5";
-            EXPECT_EQ(quiescence(1, depth, -INF_SCORE, INF_SCORE, pos) > 0, takes) << last << " " << depth;
+            EXPECT_EQ(quiescence(1, depth, -INF_SCORE, INF_SCORE, pos) > 0, takes)
+                << last << " " << depth;
         }
 }
 
@@ -152,10 +157,7 @@ TEST_F(SearchTest, TablebaseResultsInTheTree) {
         pos->plyStack[ply] = pos->plyStack[0];
         pos->plyStack[ply - 2].staticEval = 0;
         pos->tbHits = 0;
-        searchLimits.infinite = true;
-        short score = alfabeta(ply, depth, short(alpha), short(beta), pos);
-        searchLimits.infinite = false;
-        return score;
+        return searchAt(ply, depth, alpha, beta);
     };
     int checked[3] = {};
     std::ifstream in(dataPath("syzygy_cases.tsv"));
@@ -216,9 +218,10 @@ TEST_F(SearchTest, StaticExchange) {
     EXPECT_FALSE(seeAtLeastFull(tp.get(), m, -246));
 }
 
-std::vector<std::string> walkStarts() {
-    std::vector<std::string> fens = readEpd("openings/openings.epd", 40),
-                             wac = readEpd("epd/wac.epd", 40);
+// Positions of the opening book, then of the tactical suite.
+std::vector<std::string> bookAndTactics(size_t book = 40, size_t tactics = 40) {
+    std::vector<std::string> fens = readEpd("openings/openings.epd", book),
+                             wac = readEpd("epd/wac.epd", tactics);
     fens.insert(fens.end(), wac.begin(), wac.end());
     return fens;
 }
@@ -229,7 +232,7 @@ TEST_F(SearchTest, MovePickerHandsOutEachLegalMoveOnce) {
     REQUIRE_DATA("openings/openings.epd");
     std::mt19937 rng(7);
     int inCheckNodes = 0, hashFirst = 0;
-    for (const std::string& fen : walkStarts())
+    for (const std::string& fen : bookAndTactics())
         randomWalk(load(fen), 25, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
             for (int i = 0; i < 200; i++)  // random histories vary the quiet order
                 pos->mainHistory[2 + rng() % 12][rng() % 64] = i16(int(rng() % 16001) - 8000);
@@ -278,7 +281,7 @@ TEST_F(SearchTest, QuietOrderFollowsThreatsByCheaperPieces) {
     REQUIRE_DATA("openings/openings.epd");
     std::mt19937 rng(11);
     int escapes = 0, walkIns = 0;
-    for (const std::string& fen : walkStarts())
+    for (const std::string& fen : bookAndTactics())
         randomWalk(load(fen), 25, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
             if (pos->plyStack[0].inCheck)
                 return;
@@ -290,11 +293,12 @@ TEST_F(SearchTest, QuietOrderFollowsThreatsByCheaperPieces) {
                 const bitboard* b = pos->bitboards;
                 const bool pawn = attackByPawnTable[them][sq] & b[WPAWN + them];
                 const bool minor = (knightAttackTable[sq] & b[WKNIGHT + them])
-                                || (bishopAttacks(sq, occ) & b[WBISHOP + them]);
+                                   || (bishopAttacks(sq, occ) & b[WBISHOP + them]);
                 const bool rook = rookAttacks(sq, occ) & b[WROOK + them];
-                return type == QUEEN ? pawn || minor || rook
-                     : type == ROOK  ? pawn || minor
-                     : type == KNIGHT || type == BISHOP ? pawn : false;
+                return type == QUEEN                      ? pawn || minor || rook
+                       : type == ROOK                     ? pawn || minor
+                       : type == KNIGHT || type == BISHOP ? pawn
+                                                          : false;
             };
             movePickerStruct mp;
             initMovePicker(mp, pos, 0, EMPTYMOVE);
@@ -303,7 +307,8 @@ TEST_F(SearchTest, QuietOrderFollowsThreatsByCheaperPieces) {
                 if (pos->plyStack[0].pickStage != STAGE_QUIETS)
                     continue;
                 const int type = pos->board[m.from] >> 1;
-                const bool from = attackedByCheaper(m.from, type), to = attackedByCheaper(m.to, type);
+                const bool from = attackedByCheaper(m.from, type),
+                           to = attackedByCheaper(m.to, type);
                 const int group = from && !to ? 1 : !from && to ? -1 : 0;
                 escapes += group == 1;
                 walkIns += group == -1;
@@ -323,7 +328,7 @@ TEST_F(SearchTest, TableMoveTestAndCheckPrediction) {
     const u8 types[] = {0, 4, 6, 8, 10, 12, 13, 14, 15, 3};
     int accepted = 0, checks = 0;
     std::vector<moveStruct> previous;
-    for (const std::string& fen : walkStarts())
+    for (const std::string& fen : bookAndTactics())
         randomWalk(load(fen), 30, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
             std::vector<moveStruct> legal = searchMoves(pos), probes = previous;
             for (moveStruct m : legal) {
@@ -362,10 +367,7 @@ TEST_F(SearchTest, BestMoveLegalAndPositionUnchanged) {
     auto state = [](positionStruct* p) {  // material and scores: the board tests
         return fenOf(p) + " " + std::to_string(p->hashKey) + " " + std::to_string(p->gamePly);
     };
-    std::vector<std::string> fens = readEpd("openings/openings.epd", 150),
-                             wac = readEpd("epd/wac.epd", 300);
-    fens.insert(fens.end(), wac.begin(), wac.end());
-    for (const std::string& fen : fens) {
+    for (const std::string& fen : bookAndTactics(150, 300)) {
         positionStruct* pos = load(fen);
         const std::string before = state(pos);
         searchResultStruct r = searchFixedDepth(pos, 4);
