@@ -27,14 +27,9 @@
 extern char** environ;
 
 // Sanitized builds run several times slower; every time limit is stretched by this.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int ENGINE_BUILD_TIME_SCALE = 10;
-#else
-constexpr int ENGINE_BUILD_TIME_SCALE = 1;
-#endif
 inline const int ENGINE_TIME_SCALE = [] {
     const char* scale = std::getenv("QUORVANE_TIME_SCALE");
-    return ENGINE_BUILD_TIME_SCALE * std::max(1, scale ? std::atoi(scale) : 1);
+    return (SANITIZED_BUILD ? 10 : 1) * std::max(1, scale ? std::atoi(scale) : 1);
 }();
 
 // The engine's command: QUORVANE_ENGINE split into words, or the binary built here. A first

@@ -5,10 +5,6 @@
 
 namespace {
 
-int whiteView(positionStruct* pos) {
-    return pos->sideToMove == WHITE ? evaluateN(0, pos) : -evaluateN(0, pos);
-}
-
 std::vector<std::string> randomGamePositions(int games, int plies, unsigned seed) {
     std::vector<std::string> fens;
     std::mt19937 rng(seed);
@@ -46,37 +42,31 @@ void expectMirrorSymmetry(const std::vector<std::string>& fens) {
     }
 }
 
-TEST(EvalSymmetry, MirrorOfOpeningPositions) {
-    REQUIRE_DATA("openings/openings.epd");
-    expectMirrorSymmetry(readEpd("openings/openings.epd", 5000));
-}
-
-// Random games reach what openings never do: promotions, bare and exposed kings,
+// Random games reach what the opening book never does: promotions, bare and exposed kings,
 // en-passant squares, castling rights on one side only.
-TEST(EvalSymmetry, MirrorOfRandomGamePositions) {
-    expectMirrorSymmetry(randomGamePositions(40, 160, 12345));
+TEST(EvalSymmetry, MirrorOfBookAndRandomGamePositions) {
+    std::vector<std::string> fens = randomGamePositions(40, 160, 12345),
+                             book = readEpd("openings/openings.epd", 5000);  // none without data
+    fens.insert(fens.end(), book.begin(), book.end());
+    expectMirrorSymmetry(fens);
 }
-
-struct testCaches {
-    std::vector<evalCacheEntry> eval = std::vector<evalCacheEntry>(EVAL_CACHE_SIZE);
-    std::vector<pawnCacheEntry> pawn = std::vector<pawnCacheEntry>(PAWN_CACHE_SIZE);
-};
 
 // Random games keep their pawn skeleton while the pieces wander, so most pawn-cache
 // lookups hit an entry written for another position; the second pass answers from the
 // evaluation cache.
 TEST(EvalCache, CachedAnswersEqualFreshComputation) {
     auto fens = randomGamePositions(20, 120, 4242);
-    testCaches caches;
+    std::vector<evalCacheEntry> evalCache(EVAL_CACHE_SIZE);
+    std::vector<pawnCacheEntry> pawnCache(PAWN_CACHE_SIZE);
     testPosition cached, plain;
-    cached->evalCache = caches.eval.data();
-    cached->pawnCache = caches.pawn.data();
+    cached->evalCache = evalCache.data();
+    cached->pawnCache = pawnCache.data();
     int pawnHits = 0;
     for (int pass = 0; pass < 2; pass++)
         for (const auto& fen : fens) {
             cached.set(fen);
             plain.set(fen);
-            pawnHits += caches.pawn[cached->pawnKey & (PAWN_CACHE_SIZE - 1)].key == cached->pawnKey;
+            pawnHits += pawnCache[cached->pawnKey & (PAWN_CACHE_SIZE - 1)].key == cached->pawnKey;
             ASSERT_EQ(evaluateN(0, cached.get()), evaluateN(0, plain.get()))
                 << fen << " pass " << pass;
         }

@@ -171,14 +171,11 @@ TEST(UciFuzz, HugeNumbersThenRandomLines) {
     std::mt19937_64 rng(fuzzSeed());
     auto ask = [&](const std::string& line) {
         auto reply = engine.ask(line);
-        if (!reply)
-            return reply;
-        std::string cmd = firstWord(line);
-        if (cmd == "ucinewgame" || cmd == "isready") {  // they answer "readyok" themselves
-            if (!engine.readUntil("readyok"))
-                return std::optional<std::vector<std::string>>();
-        }
-        reply->erase(std::remove_if(reply->begin(), reply->end(), searchOutput), reply->end());
+        const std::string cmd = firstWord(line);  // these two answer "readyok" themselves:
+        if (reply && (cmd == "ucinewgame" || cmd == "isready") && !engine.readUntil("readyok"))
+            reply.reset();
+        if (reply)
+            std::erase_if(*reply, searchOutput);
         return reply;
     };
     ASSERT_TRUE(ask("perft 1"));

@@ -39,19 +39,16 @@ void checkReferenceFile(const std::string& file) {
     testPosition pos;
     int run = 0, bySearch = 0;
     for (std::string line; std::getline(in, line) && line != "full";) {
-        std::istringstream s(line);
-        std::string fen, depth, count;
-        std::getline(s, fen, ';');
-        std::getline(s, depth, ';');
-        std::getline(s, count, ';');
-        const u64 expected = std::stoull(count);
+        const size_t fenEnd = line.find(';');  // FEN;depth;count
+        const int depth = std::stoi(line.substr(fenEnd + 1));
+        const u64 expected = std::stoull(line.substr(line.find(';', fenEnd + 1) + 1));
         if (expected > limit)
             continue;
-        pos.set(fen);
-        EXPECT_EQ(perft(0, std::stoi(depth), pos.get()), expected) << line;
+        pos.set(line.substr(0, fenEnd));
+        EXPECT_EQ(perft(0, depth, pos.get()), expected) << line;
         run++;
         if (expected <= std::min<u64>(limit, 25000000)) {
-            EXPECT_EQ(perftBySearchMoves(0, std::stoi(depth), pos.get()), expected) << line;
+            EXPECT_EQ(perftBySearchMoves(0, depth, pos.get()), expected) << line;
             bySearch++;
         }
     }

@@ -12,10 +12,10 @@ i64 msSince(clockType::time_point t) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(clockType::now() - t).count();
 }
 
-std::vector<std::string> after(const std::string& info, const std::string& key) {
-    auto w = words(info);
-    auto it = std::find(w.begin(), w.end(), key);
-    return it == w.end() ? std::vector<std::string>{} : std::vector<std::string>(it + 1, w.end());
+// The moves after " pv " in an info line.
+std::vector<std::string> pvOf(const std::string& info) {
+    const size_t at = info.find(" pv ");
+    return at == std::string::npos ? std::vector<std::string>{} : words(info.substr(at + 4));
 }
 
 struct searchOutput {
@@ -50,19 +50,21 @@ void expectLegalOutput(const std::string& fen, const searchOutput& out) {
         << fen << " bestmove " << out.best << " ponder " << out.ponder;
     for (const auto& info : out.info)
         if (info.find(" pv ") != std::string::npos) {
-            EXPECT_EQ(firstIllegal(fen, after(info, "pv")), "") << fen << "\n" << info;
+            EXPECT_EQ(firstIllegal(fen, pvOf(info)), "") << fen << "\n" << info;
         }
 }
 
-void prepare(engineProcess& e) {
-    EXPECT_TRUE(e.started());
-    EXPECT_TRUE(e.readUntil("enter 'help' to see the commands"));
-    e.ask("setoption name Hash value 16");
-}
+// The engine past its banner, with a small table.
+struct readyEngine : engineProcess {
+    readyEngine() {
+        EXPECT_TRUE(started());
+        EXPECT_TRUE(readUntil("enter 'help' to see the commands"));
+        ask("setoption name Hash value 16");
+    }
+};
 
 TEST(EngineSearch, DepthLimitsProgressLinesAndMates) {
-    engineProcess e;
-    prepare(e);
+    readyEngine e;
     const std::string fen = "r1bqkb1r/pppp1ppp/2n2n2/4p3/2B1P3/5N2/PPPP1PPP/RNBQK2R w KQkq - 4 4";
     e.send("position fen " + fen);
     e.send("go depth 10");
@@ -92,8 +94,7 @@ TEST(EngineSearch, DepthLimitsProgressLinesAndMates) {
 
 TEST(EngineSearch, StopQuitAndEndOfInputDuringASearch) {
     for (const char* end : {"stop", "quit", ""}) {
-        engineProcess e;
-        prepare(e);
+        readyEngine e;
         e.send("position startpos");
         e.send("go infinite");
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -113,8 +114,7 @@ TEST(EngineSearch, StopQuitAndEndOfInputDuringASearch) {
 }
 
 TEST(EngineSearch, PonderHoldsTheAnswerUntilPonderhit) {
-    engineProcess e;
-    prepare(e);
+    readyEngine e;
     e.ask("setoption name Ponder value true");
     e.send("position startpos moves d2d4");
     // A budget so small that the search ends by itself while still pondering: it holds
@@ -152,8 +152,7 @@ TEST(EngineSearch, BenchSignatureAsRecorded) {
 // Sanitizer builds think slower: their clock, increment and overhead are stretched alike,
 // and they play the first 40 plies only: enough moves for their memory and race checks.
 void playClockGame(bool movesToGo) {
-    engineProcess e;
-    prepare(e);
+    readyEngine e;
     e.ask("setoption name MoveOverhead value " + std::to_string(50 * ENGINE_TIME_SCALE));
     e.send("ucinewgame");
     e.readUntil("readyok");
@@ -190,8 +189,7 @@ TEST(EngineClock, GameAtTwoSecondsNeverFlags) { playClockGame(false); }
 TEST(EngineClock, GameWithMovesToGoNeverFlags) { playClockGame(true); }
 
 TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
-    engineProcess e;
-    prepare(e);
+    readyEngine e;
     for (int threads : {1, 4}) {
         auto reply = e.ask("setoption name Threads value " + std::to_string(threads));
         EXPECT_EQ(reply.value_or(std::vector<std::string>{}),
@@ -220,8 +218,7 @@ TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
 // a won position of the tables is then answered at once, in one info line.
 TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
     REQUIRE_DATA("syzygy/KQvK.rtbw");
-    engineProcess e;
-    prepare(e);
+    readyEngine e;
     e.send("go infinite");
     auto reply = e.ask("setoption name SyzygyPath value " + dataPath("syzygy"));
     ASSERT_TRUE(reply);
@@ -240,7 +237,7 @@ TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
     EXPECT_LT(msSince(t0), 1000 * ENGINE_TIME_SCALE);
     expectLegalOutput(fen, out);
     ASSERT_EQ(out.info.size(), 1u);
-    EXPECT_EQ(after(out.info[0], "pv"), std::vector<std::string>{out.best}) << out.info[0];
+    EXPECT_EQ(pvOf(out.info[0]), std::vector<std::string>{out.best}) << out.info[0];
     EXPECT_EQ(e.finish(), 0);
 }
 

@@ -86,10 +86,6 @@ struct tempDir {
         std::error_code ignored;
         fs::remove_all(path, ignored);
     }
-    void copy(const std::string& file) const {
-        fs::copy_file(dataPath("syzygy/" + file), path / file,
-                      fs::copy_options::overwrite_existing);
-    }
 };
 
 class Tablebase : public ::testing::Test {
@@ -210,7 +206,7 @@ TEST_F(Tablebase, Registration) {
     EXPECT_EQ(loadTablebases("/nonexistent/folder"), "Found 0 tablebases.\n");
 
     tempDir a, b;
-    b.copy("KRvK.rtbw");
+    fs::copy_file(dataPath("syzygy/KRvK.rtbw"), b.path / "KRvK.rtbw");
     const std::string sep(1, platform::PATH_LIST_SEPARATOR);
     EXPECT_EQ(loadTablebases(sep + sep + "/nonexistent" + sep + a.path.string() + sep + sep
                              + b.path.string() + sep),

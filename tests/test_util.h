@@ -20,14 +20,16 @@
 #include "board/movegen.h"
 #include "board/position.h"
 #include "board/zobrist.h"
+#include "eval/evaluate.h"
 #include "tablebase/tbprobe.h"
 
 // Sanitized builds run slower: randomised tests do less work there.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int TEST_WORK_DIVISOR = 4;
+constexpr bool SANITIZED_BUILD = true;
 #else
-constexpr int TEST_WORK_DIVISOR = 1;
+constexpr bool SANITIZED_BUILD = false;
 #endif
+constexpr int TEST_WORK_DIVISOR = SANITIZED_BUILD ? 4 : 1;
 
 inline void initTables() {
     initBitboardConstants();
@@ -121,6 +123,11 @@ void randomWalk(positionStruct* pos, int plies, std::mt19937& rng, Visit visit) 
         visit(pos, legal);
         playAtRoot(pos, legal[rng() % legal.size()]);
     }
+}
+
+// The static evaluation from White's side.
+inline int whiteView(positionStruct* pos) {
+    return pos->sideToMove == WHITE ? evaluateN(0, pos) : -evaluateN(0, pos);
 }
 
 // The placement field of a FEN from 64 characters indexed by square, '1' for empty ones.

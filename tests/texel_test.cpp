@@ -2,7 +2,6 @@
 // computation (threaded, so ThreadSanitizer runs it too).
 #include <cmath>
 
-#include "eval/evaluate.h"
 #include "test_util.h"
 #include "tuning/texel.h"
 
@@ -20,7 +19,7 @@ TEST(TexelThreads, BothErrorsMatchAOneThreadComputation) {
         auto [fen, result] = sample[i % 3];
         text += std::string(fen) + " c9 \"" + result + "\";\n";
         tp.set(fen);
-        int e = tp->sideToMove == WHITE ? evaluateN(0, tp.get()) : -evaluateN(0, tp.get());
+        const int e = whiteView(tp.get());
         double r = result[1] == '-' ? result[0] - '0' : 0.5,
                p = 1.0 / (1.0 + std::pow(10.0, -1.55 * e / 400.0));
         sum += (r - p) * (r - p);

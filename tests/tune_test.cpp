@@ -5,7 +5,6 @@
 #include <fstream>
 #include <map>
 
-#include "eval/evaluate.h"
 #include "test_util.h"
 #include "tuning/weightsfile.h"
 
@@ -156,8 +155,7 @@ TEST(Tuner, TargetsBlendResultsAndLabels) {
         if (i % 4 == 3)
             return line;
         tp.set(line.substr(0, line.find(" c9")));
-        const int v = evaluateN(0, tp.get());
-        return line + " wcp " + std::to_string(tp->sideToMove == WHITE ? v : -v) + ";";
+        return line + " wcp " + std::to_string(whiteView(tp.get())) + ";";
     });
     // The first training error after K is fitted (against the results), then the one of
     // epoch 0 (against the target).
