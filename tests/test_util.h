@@ -36,8 +36,9 @@ inline void initTables() {
     initHashCodeTables();
 }
 
-// Start points rich in castling, en passant, promotions and pins: the usual perft positions,
-// then an en-passant capture that bares the king, nine queens and fields left out.
+// Start points for random games and fuzzing: the usual perft positions, then en passant at
+// once, an en-passant capture that would bare the king, a crowd of queens, a FEN without its
+// last fields, and pawns about to promote.
 inline const char* const TEST_FENS[] = {
     "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1",
     "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
