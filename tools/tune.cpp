@@ -205,8 +205,8 @@ private:
     bool open[ENTRIES][2];
 };
 
-// The labels of a file by FEN, the FEN written as the texel loader writes it (the words
-// before "c9", each followed by a space).
+// Reads each file's positions (with their labels when the target uses them) into samples;
+// every tenth block of neighbouring positions goes to validation.
 bool tuner::load() {
     for (size_t f = 0; f < opt.data.size(); f++) {
         std::vector<texelPosStruct> loaded;
