@@ -26,6 +26,7 @@ struct plyStruct {
     moveStruct killer2;
     moveStruct bestMove;
     moveStruct currentMove;      // move played from this ply (empty for a null move)
+    moveStruct excludedMove;     // left out by the singular test's search of this ply
     bitboard notPinned;          // complement of the side to move's pinned pieces
     i32 savedHalfMoveClock;
     i16 staticEval;

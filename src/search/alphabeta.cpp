@@ -118,9 +118,11 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     child.nullMoveDisable = ps.nullMoveDisable;
     ps.hashMove = EMPTYMOVE;
 
-    // Step 5. Transposition table: cut-offs only at non-PV nodes below the root.
+    // Step 5. Transposition table: cut-offs only at non-PV nodes below the root. The
+    // singular test's search of this ply (a move left out) neither reads nor writes it.
     const bool pvNode = alpha + 1 < beta;
-    const u64 entry = probeHash(pos->hashKey);
+    const bool excluding = !ps.excludedMove.empty();
+    const u64 entry = excluding ? 0 : probeHash(pos->hashKey);
     const int bound = hashBound(entry);
     int ttScore = 0;
     if (bound != BOUND_NONE) {
@@ -135,7 +137,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         prefetchHash(keyAfter(pos, ply, ps.hashMove));
 
     // Step 6. Tablebases, right after a capture or pawn move with no castling left.
-    if (ply > 0 && TB_LARGEST > 0 && pos->halfMoveClock == 0 && ps.castlingRights == 0) {
+    if (ply > 0 && !excluding && TB_LARGEST > 0 && pos->halfMoveClock == 0 && ps.castlingRights == 0) {
         const int pieces = popCount(pos->occupied());
         if (pieces < TB_LARGEST || (pieces == TB_LARGEST && depth >= searchLimits.syzygyProbeDepth)) {
             int success = 0;
@@ -166,10 +168,11 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     const bool inCheck = ps.inCheck;
     ps.staticEval = CHECK_EVAL;
     bool improving = true;
+    int e = 0;
     if (!inCheck) {
         const int eval = evaluateN(0, pos);
         ps.staticEval = i16(eval);
-        int e = eval;
+        e = eval;
         if (bound == BOUND_EXACT)
             e = ttScore;
         else if (bound == BOUND_LOWER)
@@ -177,7 +180,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         else if (bound == BOUND_UPPER)
             e = std::min(eval, ttScore);
         improving = ply < 2 || eval >= pos->plyStack[ply - 2].staticEval;
-
+    }
+    if (!inCheck && !excluding) {
         // Step 8. Reverse futility: far enough above beta, the node is not searched.
         if (depth <= FUTILITY_MAX_DEPTH && !pvNode && std::abs(e) < MATE_BAND
             && e >= beta + futility[depth] && hasNonPawnMaterial(pos))
@@ -254,7 +258,29 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         }
     }
 
-    // Step 13. The move loop.
+    // Step 13. Singular test of the hash move: the other moves at half depth against
+    // sBeta, below the table's lower bound.
+    int singular = 0;   // the hash move's extension: 1, 0 or -1
+    if (SINGULAR_EXTENSION && ply > 0 && !excluding && depth >= SINGULAR_MIN_DEPTH
+        && !ps.hashMove.empty() && (bound & BOUND_LOWER) && hashDepth(entry) >= depth - SINGULAR_TT_DEPTH
+        && std::abs(ttScore) < MATE_BAND) {
+        const moveStruct hash = ps.hashMove;
+        const int sBeta = ttScore - SINGULAR_MARGIN * depth;
+        ps.excludedMove = hash;
+        const int score = alfabeta(ply, (depth - 1) / 2, short(sBeta - 1), short(sBeta), pos);
+        ps.excludedMove = EMPTYMOVE;
+        ps.hashMove = hash;
+        if (searchStopped())
+            return 0;
+        if (score < sBeta)
+            singular = 1;
+        else if (sBeta >= beta)
+            return short(sBeta);
+        else if (ttScore >= beta)
+            singular = -1;
+    }
+
+    // Step 14. The move loop.
     const int alphaStart = alpha;
     int bestScore = -MATE;
     moveStruct bestMove = EMPTYMOVE;
@@ -268,6 +294,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     movePickerStruct mp;
     initMovePicker(mp, pos, ply, ps.hashMove);
     for (moveStruct m; !(m = nextMove(mp)).empty();) {
+        if (m.sameAs(ps.excludedMove))
+            continue;
         const int stage = ps.pickStage;
         const int piece = m.score;
         const bool quiet = isQuietMove(pos, m);
@@ -290,14 +318,18 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         const int cont1 = row1 >= 0 ? pos->contHist[0][row1 + idx] : 0;
         const int cont2 = row2 >= 0 ? pos->contHist[1][row2 + idx] : 0;
 
+        // A move both continuation histories rate highly is searched a ply deeper, and so
+        // is a safe check; the singular test's verdict on the hash move adds to that.
+        int extension = mayExtend && cont1 > CONT_HIST_EXTENSION && cont2 > CONT_HIST_EXTENSION;
+        if (CHECK_EXTENSION && !extension && mayExtend && givesCheck(pos, m) && seeAtLeast(pos, m, 0))
+            extension = 1;
+        if (singular && m.sameAs(ps.hashMove))
+            extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1, 1);
+        const int newDepth = depth - 1 + extension;
+
         ps.currentMove = m;
         makeMove(pos, ply, m);
         child.inCheck = inCheckNow(pos);
-
-        // A move both continuation histories rate highly is searched a ply deeper.
-        int newDepth = depth - 1;
-        if (mayExtend && cont1 > CONT_HIST_EXTENSION && cont2 > CONT_HIST_EXTENSION)
-            newDepth = depth;
 
         int score;
         if (searched == 0) {
@@ -340,7 +372,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     pos->rootDepthComplete = 0;
                 }
                 if (score >= beta) {
-                    storeHash(pos->hashKey, m.packed(), scoreToHash(score, ply), depth, BOUND_LOWER);
+                    if (!excluding)
+                        storeHash(pos->hashKey, m.packed(), scoreToHash(score, ply), depth, BOUND_LOWER);
                     // Cut-off bookkeeping for quiet moves.
                     if (!inCheck && quiet) {
                         if (depth <= HISTORY_MAX_DEPTH) {
@@ -373,9 +406,11 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
     // Step 14. End of node: mate or stalemate, the fifty-move rule, the table store.
     if (searched == 0)
-        return short(inCheck ? ply - MATE : 0);
+        return short(excluding ? alpha : inCheck ? ply - MATE : 0);
     if (pos->halfMoveClock > 99)
         return 0;
+    if (excluding)
+        return short(bestScore);
     if (bestScore > alphaStart)
         storeHash(pos->hashKey, bestMove.packed(), scoreToHash(bestScore, ply), depth, BOUND_EXACT);
     else

@@ -81,6 +81,20 @@ constexpr int MAX_QUIETS_TRIED = 64;
 // A move whose two continuation-history scores both exceed this is extended by a ply.
 constexpr int CONT_HIST_EXTENSION = 4096;
 
+// Check extension: a move that gives check and loses nothing by exchange is searched a
+// ply deeper.
+constexpr bool CHECK_EXTENSION = false;
+
+// Singular extension. At depth SINGULAR_MIN_DEPTH or more, a hash move whose lower bound
+// was stored at most SINGULAR_TT_DEPTH plies shallower is tested: the other moves are
+// searched at half depth against sBeta = table score - SINGULAR_MARGIN * depth. All of
+// them failing low extends the hash move by a ply; sBeta at or above beta ends the node
+// with sBeta (multi-cut); else a table score at or above beta reduces it by a ply.
+constexpr bool SINGULAR_EXTENSION = false;
+constexpr int SINGULAR_MIN_DEPTH = 8;
+constexpr int SINGULAR_TT_DEPTH = 3;
+constexpr int SINGULAR_MARGIN = 2;
+
 // History bonus of a cut-off at depth d: HISTORY_SCALE * min(d * d, HISTORY_MAX_DEPTH_SQ);
 // the tables are only updated up to HISTORY_MAX_DEPTH. HISTORY_GRAVITY bounds the entries.
 constexpr int HISTORY_SCALE = 32;
