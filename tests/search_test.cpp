@@ -311,4 +311,23 @@ TEST_F(SearchTest, BestMoveLegalAndPositionUnchanged) {
     }
 }
 
+// The singular test's search with a move left out: it neither reads nor writes the table,
+// and a node whose only move is left out fails low (alpha) instead of scoring a mate or a
+// stalemate, which the test would read as a cut without that move.
+TEST_F(SearchTest, SearchWithAMoveLeftOut) {
+    for (const char* fen : {"k7/2K5/8/8/8/8/8/8 b - - 0 1", "k7/2K5/8/8/4B3/8/8/8 b - - 0 1",
+                            "r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq - 2 3"}) {
+        positionStruct* pos = load(fen);
+        const std::vector<moveStruct> moves = searchMoves(pos);
+        ASSERT_FALSE(moves.empty()) << fen;
+        pos->plyStack[0].excludedMove = moves[0];
+        const short score = searchAt(0, 6, -100, -99);
+        pos->plyStack[0].excludedMove = EMPTYMOVE;
+        if (moves.size() == 1) {
+            EXPECT_EQ(score, -100) << fen;
+        }
+        EXPECT_EQ(hashBound(probeHash(pos->hashKey)), BOUND_NONE) << fen;
+    }
+}
+
 }  // namespace
