@@ -261,7 +261,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     // Step 13. Singular test of the hash move: the other moves at half depth against
     // sBeta, below the table's lower bound.
     int singular = 0;   // the hash move's extension: 1, 0 or -1
-    if (SINGULAR_EXTENSION && ply > 0 && !excluding && depth >= SINGULAR_MIN_DEPTH
+    if (ply > 0 && !excluding && depth >= SINGULAR_MIN_DEPTH
         && !ps.hashMove.empty() && (bound & BOUND_LOWER) && hashDepth(entry) >= depth - SINGULAR_TT_DEPTH
         && std::abs(ttScore) < MATE_BAND) {
         const moveStruct hash = ps.hashMove;
@@ -318,11 +318,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         const int cont1 = row1 >= 0 ? pos->contHist[0][row1 + idx] : 0;
         const int cont2 = row2 >= 0 ? pos->contHist[1][row2 + idx] : 0;
 
-        // A move both continuation histories rate highly is searched a ply deeper, and so
-        // is a safe check; the singular test's verdict on the hash move adds to that.
+        // A move both continuation histories rate highly is searched a ply deeper; the
+        // singular test's verdict on the hash move adds to that.
         int extension = mayExtend && cont1 > CONT_HIST_EXTENSION && cont2 > CONT_HIST_EXTENSION;
-        if (CHECK_EXTENSION && !extension && mayExtend && givesCheck(pos, m) && seeAtLeast(pos, m, 0))
-            extension = 1;
         if (singular && m.sameAs(ps.hashMove))
             extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1, 1);
         const int newDepth = depth - 1 + extension;
@@ -404,7 +402,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     if (ply == 0)
         ps.currentMove = ps.bestMove;
 
-    // Step 14. End of node: mate or stalemate, the fifty-move rule, the table store.
+    // Step 15. End of node: mate or stalemate, the fifty-move rule, the table store.
     if (searched == 0)
         return short(excluding ? alpha : inCheck ? ply - MATE : 0);
     if (pos->halfMoveClock > 99)

@@ -81,16 +81,14 @@ constexpr int MAX_QUIETS_TRIED = 64;
 // A move whose two continuation-history scores both exceed this is extended by a ply.
 constexpr int CONT_HIST_EXTENSION = 4096;
 
-// Check extension: a move that gives check and loses nothing by exchange is searched a
-// ply deeper.
-constexpr bool CHECK_EXTENSION = false;
-
 // Singular extension. At depth SINGULAR_MIN_DEPTH or more, a hash move whose lower bound
 // was stored at most SINGULAR_TT_DEPTH plies shallower is tested: the other moves are
 // searched at half depth against sBeta = table score - SINGULAR_MARGIN * depth. All of
 // them failing low extends the hash move by a ply; sBeta at or above beta ends the node
 // with sBeta (multi-cut); else a table score at or above beta reduces it by a ply.
-constexpr bool SINGULAR_EXTENSION = false;
+// Measured at 5+0.05 against the search without it: +24.9 +- 13.2 Elo over 1,006 games
+// (SPRT [0, 10] passed, LLR 2.98); at 2+0.02, where the table rarely holds an entry deep
+// enough, it was -10 +- 21.
 constexpr int SINGULAR_MIN_DEPTH = 8;
 constexpr int SINGULAR_TT_DEPTH = 3;
 constexpr int SINGULAR_MARGIN = 2;
