@@ -2,12 +2,14 @@
 """Interim or pooled result of lab matches, read from their PGN files.
 
     tools/pgn_sprt.py RUN/games.pgn [MORE.pgn ...] [--elo0 0 --elo1 10] [--games N]
+    tools/pgn_sprt.py NEW/games.pgn --ptnml 11,67,117,61,5   # plus an earlier run's counts
 
 fastchess reports only every -ratinginterval games and restarts its count with each run.
 This pairs the games of each opening (the same Round, both colours), counts the pairs
 (pentanomial), and prints the Elo with its 95% error, the normalized Elo and the SPRT LLR
 of the normalized model (normal approximation, as fastchess computes it), pooled over all
-files. The engine under test is the one named "new" (tools/sprt.sh's name for it).
+files and any --ptnml counts (a run whose PGN is gone, kept as its five pair counts). The
+engine under test is the one named "new" (tools/sprt.sh's name for it).
 """
 import argparse
 import math
@@ -28,7 +30,9 @@ def pairs_of(path):
 
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("pgn", nargs="+")
+    ap.add_argument("pgn", nargs="*")
+    ap.add_argument("--ptnml", action="append", default=[],
+                    help="five pair counts a,b,c,d,e (pairs scoring 0, 0.5, 1, 1.5, 2) to add")
     ap.add_argument("--elo0", type=float, default=0)
     ap.add_argument("--elo1", type=float, default=10)
     ap.add_argument("--games", type=int, default=0, help="only the first N games of each file")
@@ -37,6 +41,11 @@ def main():
     for path in a.pgn:
         p = pairs_of(path)
         pairs += p[: a.games // 2] if a.games else p
+    for counts in a.ptnml:
+        counts = [int(c) for c in counts.split(",")]
+        if len(counts) != 5 or min(counts) < 0:
+            raise SystemExit(f"--ptnml needs five counts, not {counts}")
+        pairs += [k / 4 for k in range(5) for _ in range(counts[k])]
     n = len(pairs)
     if n < 2:
         raise SystemExit("fewer than two complete pairs")
