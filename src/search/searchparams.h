@@ -89,12 +89,13 @@ constexpr int CONT_HIST_EXTENSION = 4096;
 // Measured at 5+0.05 against the search without it: +24.9 +- 13.2 Elo over 1,006 games
 // (SPRT [0, 10] passed, LLR 2.98); at 2+0.02, where the table rarely holds an entry deep
 // enough, it was -10 +- 21.
-// A check extension (a checking move with SEE >= 0 extended by a ply) is not used: it grew
-// fixed-depth trees elevenfold and lost at both clocks, -35.8 +- 20.3 Elo at 2+0.02 (SPRT
-// failed) and -8.7 +- 12.0 over 1,312 games at 5+0.05 (LLR -2.03 for [0, 10]).
 constexpr int SINGULAR_MIN_DEPTH = 8;
 constexpr int SINGULAR_TT_DEPTH = 3;
 constexpr int SINGULAR_MARGIN = 2;
+
+// There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
+// fixed-depth trees elevenfold and scored below zero at both clocks, -35.8 +- 20.3 Elo at
+// 2+0.02 (SPRT failed) and -8.7 +- 12.0 over 1,312 games at 5+0.05 (LLR -2.03 for [0, 10]).
 
 // History bonus of a cut-off at depth d: HISTORY_SCALE * min(d * d, HISTORY_MAX_DEPTH_SQ);
 // the tables are only updated up to HISTORY_MAX_DEPTH. HISTORY_GRAVITY bounds the entries.
