@@ -1,9 +1,10 @@
 // Basic types shared by every subsystem: squares, piece codes, moves and bit tricks.
 #pragma once
 
-#include <atomic>
 #include <bit>
 #include <cstdint>
+
+#include "platform/portable.h"
 
 using u8 = uint8_t;
 using u16 = uint16_t;
@@ -61,8 +62,8 @@ struct moveStruct {
     u8 type = 0;
     u8 score = 0;
 
-    u32 packed() const { return std::bit_cast<u32>(*this); }
-    static moveStruct unpack(u32 v) { return std::bit_cast<moveStruct>(v); }
+    u32 packed() const { return portable::bitCast<u32>(*this); }
+    static moveStruct unpack(u32 v) { return portable::bitCast<moveStruct>(v); }
     bool empty() const { return packed() == 0; }
     // Same move, ignoring the score/piece byte.
     bool sameAs(const moveStruct& m) const { return ((packed() ^ m.packed()) & 0xFFFFFF) == 0; }
@@ -84,11 +85,8 @@ inline bool moreThanOne(bitboard b) { return (b & (b - 1)) != 0; }
 // Node counters are bumped by their own search thread and read by the reporting thread
 // while the search runs; relaxed atomic access keeps that well defined at no cost (the
 // increment is a plain add, as only the owner ever writes).
-inline void bumpCounter(u64& c) {
-    std::atomic_ref<u64> r(c);
-    r.store(r.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
-inline u64 readCounter(u64& c) { return std::atomic_ref<u64>(c).load(std::memory_order_relaxed); }
+inline void bumpCounter(u64& c) { portable::storeRelaxed(c, portable::loadRelaxed(c) + 1); }
+inline u64 readCounter(u64& c) { return portable::loadRelaxed(c); }
 
 // One step of the splitmix64 generator: fixed pseudo-random constants built at compile time.
 constexpr u64 splitMix64(u64& state) {
