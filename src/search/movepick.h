@@ -41,8 +41,8 @@ inline bool isQuietMove(const positionStruct* pos, moveStruct m) {
     return pos->board[m.to] == EMPTY || m.type == MT_ENPASSANT;
 }
 
-// Brings the remaining move with the highest ordering byte to *first; the first of equal
-// maxima wins.
+// Swaps the best-scored move of [first, end) to *first. On a tie the earlier move wins
+// (strict >); breaking ties otherwise reorders the search and changes the bench count.
 inline void selectBest(moveStruct* first, moveStruct* end) {
     moveStruct* best = first;
     for (moveStruct* m = first + 1; m < end; m++)

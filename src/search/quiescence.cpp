@@ -1,7 +1,9 @@
-// The quiescence search: captures (all evasions in check) until the position is quiet,
-// with the static evaluation as a stand-pat lower bound. It reads the transposition
-// table but never writes it, and it neither looks at the clock nor at the stop flag:
-// a stopped search finishes its quiescence subtrees and the node search above returns.
+// The quiescence search: past the horizon it plays only captures (every evasion when in
+// check) until no capture worth trying is left. Out of check the side to move may decline
+// them all, so its static evaluation is the least the node scores (stand pat). It reads
+// the transposition table but never writes it, and it neither looks at the clock nor at
+// the stop flag: a stopped search finishes its quiescence subtrees and the node search
+// above returns.
 //
 // Below depth -4 only recaptures are searched (captures on the square the last move went
 // to), without the exchange filter: the exchange under way is played out, and no new

@@ -23,7 +23,8 @@ struct searchLimitsStruct {
     int syzygyProbeDepth = 0;       // least depth of a probe in the tree at the largest size
 };
 
-// Relaxed atomics: a stale read only delays a reaction by one poll.
+// Relaxed atomics: the flags publish no other data, and the tree reads stopSearch at every
+// node, so a thread that still sees the old value stops a node or so later.
 struct searchSignalsStruct {
     std::atomic<bool> stopSearch{false};   // "stop", "quit", the clock or a finished search
     std::atomic<bool> pondering{false};    // the clock is suspended until "ponderhit"

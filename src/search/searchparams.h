@@ -116,10 +116,15 @@ constexpr int CHECK_EVAL = -32767;       // static evaluation placeholder in che
 
 // The iterative deepening of each thread (src/engine/rootsearch.cpp).
 //
-// Aspiration widths per thread (row = thread number mod 32): column 0 is the first
-// half-width, columns 1-4 the widths after the 1st-4th failure. The rows from 3 on run
-// one place out of step and row 31 ends in 0; the uneven widths spread the threads over
-// different windows, so that they do not all repeat the same failures.
+// Aspiration windows, one row per thread (thread number mod 32). From depth 6 an iteration
+// opens at the previous score +- column 0. Fail k (k = 1..4) on one side moves that bound
+// column k past the returned score (a fail low also pulls beta to the window's middle, a
+// fail high re-searches a ply shallower); fail 5 opens that side to mate. Row 0, all that
+// a single thread uses, is 15, 35, 40, 80, 160, and row 2 repeats it. Fourteen rows are
+// 35, 40, 80, 160 and a fifth step of 12 to 48; the rest open anywhere from 9 to 66.
+// Row 31's last step is 0: its 4th failure re-searches with the bound on the returned
+// score. The unevenness is on purpose: it puts the helpers' bounds in different places,
+// so one bad guess does not make every thread fail the same way.
 // clang-format off
 constexpr i16 aspMatrix[32][5] = {
     {15, 35, 40, 80, 160}, {9, 24, 34, 75, 113}, {15, 35, 40, 80, 160}, {54, 69, 79, 195, 15},

@@ -28,8 +28,9 @@ inline bool isRepetition(const positionStruct* pos, int ply) {
     return false;
 }
 
-// The score of a repetition: +1 or -1 by the parity of a node counter, a cheap
-// randomisation that keeps the engine from settling into one drawn line.
+// A repetition scores +1 or -1 by the parity of a node counter instead of a flat 0. The
+// coin flip costs nothing, and it stops the search from returning to the same drawn line
+// every time it has a choice between equal draws.
 inline short repetitionScore(u64 counter) { return (counter & 1) ? 1 : -1; }
 
 // No pawns and neither side with more than a minor piece's worth of material.

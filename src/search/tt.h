@@ -4,9 +4,11 @@
 // A bucket holds four entries: four 64-bit data words followed by their four full keys.
 // Data word: bits 0-31 packed move (from, to, type, moving piece), 32-47 score, 48-55
 // depth, 56-57 bound, 58-63 age. A writer stores the key and then the data word, so a
-// reader may pair a key with another position's data: every table move is validated
-// against the board before it is played, and a wrong score is a search error, not a
-// crash. Words are accessed with relaxed atomics so that the race is well defined.
+// reader racing it can find a matching key beside data written for some other position.
+// We take that over a lock: no table move is played before it is checked in the current
+// position (isPseudoLegal() and isLegal() in the tree, the legal move list in the PV
+// walk), so a torn entry can at worst feed one wrong score into the tree, never corrupt
+// the board. Words are accessed with relaxed atomics so that the race is well defined.
 // The table has one spare bucket behind the last; the clear zeroes it too.
 #pragma once
 
