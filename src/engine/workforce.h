@@ -1,10 +1,14 @@
-// The thread pool of the search: the workers and the boss that steers them.
+// The search threads.
 //
-// A fixed pool of long-lived threads, one `worker` each, parked on their own mutex and
-// condition variable between searches. Element 0 is the `boss`: "go" wakes it, it wakes
-// the others, decides when the search ends, picks whose result is reported and prints
-// "bestmove". The threads share only the transposition table, the flags below and the
-// stop and ponder flags of the tree search (search/searchlimits.h).
+// setNofWorkers() starts them at start-up and again whenever "Threads" is set; they live
+// until then, so a "go" only wakes threads and never pays for starting them. An idle
+// thread sleeps in atTheOffice() on a mutex and condition variable of its own: waking
+// one disturbs no other. Thread 0 is the `boss`, the only one "go" wakes. It wakes the
+// helpers, searches like them, raises the stop flag when its own search ends, waits for
+// them, and prints "bestmove" from the thread with the deepest iteration (the higher
+// score breaks ties, and a better mate wins at any depth). Positions, histories and
+// caches are per thread; what they share is the transposition table, the flags below and
+// searchSignals (search/searchlimits.h).
 #pragma once
 
 #include <atomic>
@@ -57,8 +61,9 @@ public:
 struct workForce {
     std::vector<std::unique_ptr<worker>> workers;
 
-    // Relaxed atomics: a stale read only delays a reaction by one poll. The stop and
-    // ponder flags live with the tree search (searchSignals).
+    // Relaxed atomics: nothing else is handed over through them, and the threads look at
+    // them again at the end of each iteration, so an old value postpones a decision by an
+    // iteration at most. The stop and ponder flags live with the tree search (searchSignals).
     std::atomic<bool> searchFinished{false};
     std::atomic<int> deepestReported{0};
     std::atomic<unsigned long long> tbHitsTotal{0};
