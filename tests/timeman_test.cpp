@@ -11,7 +11,7 @@ TEST(TimeBudget, WorkedClockSituations) {
         int timeLeft, inc, gamePly, movesToGo, moveTime;  // movesToGo 0: not given
         i64 target, max;
     } cases[] = {
-        {900000, 0, 0, 0, 0, 14850, 74250},  // "go" alone at the start of a game
+        {900000, 0, 0, 0, 0, 14850, 74250},  // bare "go" on move one, no increment
         {1000, 1000, 30, 0, 0, 449, 450},    // short clock: budget halved
         {900000, 0, 0, 0, 500, 5000, 500},   // movetime overrides both
         {10000, 0, 30, 1, 0, 8030, 9900},    // last move before the time control

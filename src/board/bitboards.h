@@ -14,7 +14,7 @@ struct magicStruct {
 
 extern bitboard knightAttackTable[64];
 extern bitboard kingAttackTable[64];
-extern bitboard attackByPawnTable[2][64];   // squares from which a pawn of that colour attacks s
+extern bitboard attackByPawnTable[2][64];   // [c][s]: where c's pawns stand to hit s
 extern bitboard enpassantTable[64];         // neighbours of a pawn that just advanced two squares
 extern magicStruct rookAttackLUT[64];
 extern magicStruct bishopAttackLUT[64];

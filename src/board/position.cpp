@@ -163,7 +163,7 @@ bool setPosition(const std::string& fen, positionStruct* pos, std::string* error
     if (pos->board[56] != BROOK)
         p0.castlingRights &= ~BQ_CASTLE;
 
-    // En passant: stored as the square of the pawn that advanced two squares.
+    // En passant: we keep the double-stepped pawn's square, not the FEN's target behind it.
     p0.enPassantSquare = 0;
     const std::string& ep = fields[3];
     if (ep != "-") {

@@ -9,8 +9,10 @@
 struct evalCacheEntry;
 struct pawnCacheEntry;
 
-// One record per ply of the line being searched. Entry k + 1 holds what is needed to
-// take back the move made at ply k, and the rights that hold after it.
+// One record per ply of the searched line. makeMove() at ply k fills record k + 1: the
+// material, scores, phase, keys and fifty-move clock from before the move, the piece it
+// captured, and the castling rights and en-passant square of the new position. takeBack()
+// copies the saved values back instead of recomputing them.
 struct plyStruct {
     i32 savedMaterial[2];
     i32 savedPsqScore[2];

@@ -285,7 +285,7 @@ i32 kingDanger(const evalInfo& ei, const positionStruct* pos, evalTraceStruct* t
     const bitboard byBishop = bishopChecks & ei.attBy[Them][BISHOP];
     const bitboard byKnight = knightChecks & ei.attBy[Them][KNIGHT];
     const bitboard byQueen = (rookChecks | bishopChecks) & ei.attBy[Them][QUEEN];
-    // A square reached by two kinds of piece counts once.
+    // The OR counts each unsafe check square once, however many kinds of piece reach it.
     const bitboard unsafeChecks =
         (byRook | byBishop | byKnight | byQueen) & ~safe & ei.mobArea[Them];
 

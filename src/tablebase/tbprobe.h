@@ -16,7 +16,7 @@ extern int TB_LARGEST;
 // means none. Prints "Found %d tablebases." when a path is given.
 void init_tablebases(const std::string& path);
 
-// WDL of pos from the side to move's view (-2 loss .. 2 win); *success is 0 on failure.
+// WDL of pos for the side to move, -2 (lost) to 2 (won); *success is 0 on failure.
 int probeWDLPosition(positionStruct* pos, int* success);
 
 // The root adapter: a move that keeps the tablebase result, or the empty move when the
