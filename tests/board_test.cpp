@@ -35,24 +35,6 @@ TEST(BitboardTables, MagicLookupsMatchRayWalks) {
         }
 }
 
-// Every field that make/take-back must restore, as bytes.
-std::string snapshot(const positionStruct* p) {
-    std::string s;
-    auto add = [&](const void* at, size_t n) { s.append(static_cast<const char*>(at), n); };
-    add(p->board, sizeof p->board);
-    add(p->bitboards, sizeof p->bitboards);
-    add(&p->hashKey, sizeof p->hashKey);
-    add(&p->pawnKey, sizeof p->pawnKey);
-    add(p->material, sizeof p->material);
-    add(p->psqScore, sizeof p->psqScore);
-    add(&p->phase, sizeof p->phase);
-    add(&p->sideToMove, sizeof p->sideToMove);
-    add(&p->gamePly, sizeof p->gamePly);
-    add(&p->halfMoveClock, sizeof p->halfMoveClock);
-    add(p->keyHistory, sizeof(u64) * size_t(p->gamePly));
-    return s;
-}
-
 // What the position keeps incrementally against a from-scratch computation. The scratch
 // key reads the rights and en-passant square of ply 0: those of `ply` are lent to it. A null
 // move leaves the key history as it was, without the current key.

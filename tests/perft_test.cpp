@@ -12,8 +12,9 @@
 
 namespace {
 
-// The same count through the search's generators, its legality test and make/take-back.
-u64 perftBySearchMoves(int ply, int depth, positionStruct* pos) {
+// The same count through generateMovesLegal, the list the root search and the move reader
+// start from: every ply filtered, the evasions included, and the last ply counted from it.
+u64 perftByLegalLists(int ply, int depth, positionStruct* pos) {
     setInCheck(u8(ply), pos);
     plyStruct& ps = pos->plyStack[ply];
     generateMovesLegal(u8(ply), ps.moveListBegin, pos);
@@ -23,14 +24,14 @@ u64 perftBySearchMoves(int ply, int depth, positionStruct* pos) {
     u64 nodes = 0;
     for (moveStruct* m = begin; m < end; m++) {
         makeMove(pos, ply, *m);
-        nodes += perftBySearchMoves(ply + 1, depth - 1, pos);
+        nodes += perftByLegalLists(ply + 1, depth - 1, pos);
         takeBack(pos, ply, *m);
     }
     return nodes;
 }
 
-// Perft has a generator of its own; the search's generators answer to the same file (the
-// largest cases aside, to keep the suite quick).
+// perft() itself, then the full legal lists on the same lines (the largest cases aside, to
+// keep the suite quick). perft() also has to leave the position as it found it.
 void checkReferenceFile(const std::string& file) {
     const char* limitText = std::getenv("QUORVANE_PERFT_LIMIT");
     const u64 limit = limitText ? std::strtoull(limitText, nullptr, 10) : ~0ULL;
@@ -45,10 +46,12 @@ void checkReferenceFile(const std::string& file) {
         if (expected > limit)
             continue;
         pos.set(line.substr(0, fenEnd));
+        const std::string before = snapshot(pos.get());
         EXPECT_EQ(perft(0, depth, pos.get()), expected) << line;
+        EXPECT_TRUE(snapshot(pos.get()) == before) << line;
         run++;
         if (expected <= std::min<u64>(limit, 25000000)) {
-            EXPECT_EQ(perftBySearchMoves(0, depth, pos.get()), expected) << line;
+            EXPECT_EQ(perftByLegalLists(0, depth, pos.get()), expected) << line;
             bySearch++;
         }
     }

@@ -258,6 +258,24 @@ inline std::string readTextFile(const std::string& path) {
     return s.str();
 }
 
+// Every field that make/take-back must restore, as bytes.
+inline std::string snapshot(const positionStruct* p) {
+    std::string s;
+    auto add = [&](const void* at, size_t n) { s.append(static_cast<const char*>(at), n); };
+    add(p->board, sizeof p->board);
+    add(p->bitboards, sizeof p->bitboards);
+    add(&p->hashKey, sizeof p->hashKey);
+    add(&p->pawnKey, sizeof p->pawnKey);
+    add(p->material, sizeof p->material);
+    add(p->psqScore, sizeof p->psqScore);
+    add(&p->phase, sizeof p->phase);
+    add(&p->sideToMove, sizeof p->sideToMove);
+    add(&p->gamePly, sizeof p->gamePly);
+    add(&p->halfMoveClock, sizeof p->halfMoveClock);
+    add(p->keyHistory, sizeof(u64) * size_t(p->gamePly));
+    return s;
+}
+
 // What run() prints on standard output, kept out of the log.
 template <typename Run>
 std::string stdoutOf(Run run) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "engine_process.h"
 
@@ -76,7 +77,7 @@ TEST(UciTranscript, SetOptionEchoesWithClamping) {
         {"Hash value 32768",
          {hash + "32768", "info string not enough memory for a table of 32768 MB, using 256 MB"}},
         {"Threads value 0", {threads + "1"}},
-        {"Threads value 300", {threads + "256"}},
+        {"Threads value 300", threadsOptionReply(256)},
         {"Ponder value true", {"info string Ponder set to : 1"}},
         {"Ponder value True", {"info string Ponder set to : 0"}},
         {"MoveOverhead value 0", {"info string MoveOverhead set to : 1"}},
@@ -181,6 +182,29 @@ TEST(UciTranscript, RtestReadsAFile) {
     EXPECT_EQ(reply[1].rfind("0; " + start + "; 1; 21; 20; ", 0), 0u) << reply[1];
     EXPECT_EQ(reply[2], "Results of the perft checks is OK: 0");
     EXPECT_EQ(s.board(), START_BOARD);
+}
+
+// The shipped command over the repository's reference lines: the count the user sees comes
+// from the generators and make/take-back the search plays with, so a fault there shows here.
+TEST(UciTranscript, RtestPassesTheRepositoryLines) {
+    namespace fs = std::filesystem;
+    fs::path dir = fs::path(testing::TempDir()) / "quorvane_rtest_repository";
+    fs::create_directories(dir);
+    fs::copy_file(fs::path(QUORVANE_SOURCE_DIR) / "tests" / "perft.txt", dir / "perft.txt",
+                  fs::copy_options::overwrite_existing);
+    std::ifstream in(dir / "perft.txt");
+    lines expected;
+    for (std::string line; std::getline(in, line);)
+        expected.push_back("1; " + line.substr(0, line.find(';')) + "; ");
+    ASSERT_GT(expected.size(), 10u);
+    engineOptionsStruct opts;
+    opts.workDir = dir.string();
+    session s(opts);
+    auto reply = s.ask("rtest");
+    ASSERT_EQ(reply.size(), expected.size() + 1);
+    for (size_t i = 0; i < expected.size(); i++)
+        EXPECT_EQ(reply[i].rfind(expected[i], 0), 0u) << reply[i];
+    EXPECT_EQ(reply.back(), "Results of the perft checks is OK: 1");
 }
 
 TEST(UciTranscript, EndOfInputAndQuit) {

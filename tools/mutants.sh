@@ -4,7 +4,9 @@
 # (the script stops loudly when a line is no longer found, so the list cannot rot), built
 # in its own folder (build-mutants, never build/), tested with the whole ctest suite (quick
 # tests first, stopping at the first failure), and the file restored (also on Ctrl-C). Prints a table: mutant, file, caught or
-# NOT CAUGHT, and the failing test. Exit status 0 only when every mutant was caught.
+# NOT CAUGHT, and the failing test. A mutant of the move generator must also be caught by
+# the shipped engine itself: its "rtest" over tests/perft.txt has to report a failure (the
+# last column). Exit status 0 only when every mutant was caught.
 #
 #   tools/mutants.sh                 all mutants
 #   tools/mutants.sh tempo dtz-off   only those named
@@ -19,6 +21,8 @@ data=${QUORVANE_DATA_DIR:-$(cd "$repo/.." && pwd)/shared/data}
 # name <TAB> file <TAB> exact original line <TAB> faulty line
 read -r -d '' MUTANTS <<'EOF'
 double-push-from	src/board/movegen.cpp	        m = emit(m, to - 2 * up, to, MT_DOUBLE, 0);	        m = emit(m, to - up, to, MT_DOUBLE, 0);
+evasion-pawn-take	src/board/movegen.cpp	        for (bitboard p = attackByPawnTable[Us][checker] & pawns; p;) {	        for (bitboard p = attackByPawnTable[Them][checker] & pawns; p;) {
+castle-passing	src/board/movegen.cpp	                && !squareAttacked(pos, base + 3, Us ^ 1, occ))	                && !squareAttacked(pos, base + 2, Us ^ 1, occ))
 castling-right	src/board/makemove.h	         : sq == 7 ? u8(~WK_CASTLE) : sq == 0 ? u8(~WQ_CASTLE)	         : sq == 6 ? u8(~WK_CASTLE) : sq == 0 ? u8(~WQ_CASTLE)
 takeback-phase	src/board/makemove.h	    pos->phase = nxt.savedPhase;	    (void)nxt.savedPhase;
 takeback-rook	src/board/makemove.h	        movePiece(pos, WROOK + us, to + 1, from - 4);	        movePiece(pos, WROOK + us, to + 1, from - 3);
@@ -105,6 +109,17 @@ while IFS=$'\t' read -r name file original faulty; do
             --timeout 300 >> "$log" 2>&1
         rc=$?
     fi
+    # The engine's own count: the mutated binary's "rtest" on the repository's lines.
+    by_rtest=""
+    if [[ $file == src/board/movegen.cpp ]]; then
+        if "$build/quorvane" rtest "$repo/tests/perft.txt" 2>&1 |
+            grep -qx "Results of the perft checks is OK: 0"; then
+            by_rtest="rtest: caught"
+        else
+            by_rtest="rtest: NOT CAUGHT"
+            rc=0  # counted as missed below, whatever the unit tests said
+        fi
+    fi
     restore
     caught=$(sed -n 's/^ *[0-9]*\/[0-9]* Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$log" | head -3 | paste -sd, -)
     if [ "$rc" -ne 0 ]; then
@@ -115,7 +130,7 @@ while IFS=$'\t' read -r name file original faulty; do
         caught="-"
         missed=$((missed + 1))
     fi
-    line=$(printf '%-18s %-26s %-10s %s' "$name" "$file" "$status" "$caught")
+    line=$(printf '%-18s %-26s %-10s %s %s' "$name" "$file" "$status" "$caught" "$by_rtest")
     echo "$line   ($(($(date +%s) - t0)) s)"
     results+=("$line")
 done <<< "$MUTANTS"

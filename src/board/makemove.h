@@ -1,6 +1,5 @@
 // Making and taking back moves in place. These are the only copies of the sequence: the
-// node search, quiescence, the line reader and the command loop all use them (perft plays
-// on a lighter board of its own, and the tests hold the two against each other).
+// node search, quiescence, perft, the line reader and the command loop all use them.
 // Everything that cannot be recomputed cheaply is saved in the next ply's record.
 #pragma once
 

@@ -277,16 +277,37 @@ bool isLegal(const positionStruct* pos, u8 ply, moveStruct m) {
     return !(bishopAttacks(k, occ) & diag & keep) && !(rookAttacks(k, occ) & line & keep);
 }
 
+namespace {
+
+// Only king moves, en passant and moves of pinned pieces can leave the king attacked; the
+// rest are legal by the way they were generated and skip the test.
+inline bool passesLegality(const positionStruct* pos, u8 ply, bitboard careful, moveStruct m) {
+    return !((bb(m.from) & careful) || m.type == MT_ENPASSANT) || isLegal(pos, ply, m);
+}
+
+inline bitboard carefulSquares(const positionStruct* pos, u8 ply) {
+    return ~pos->plyStack[ply].notPinned | pos->bitboards[WKING + pos->sideToMove];
+}
+
+}  // namespace
+
 moveStruct* filterLegal(const positionStruct* pos, u8 ply, moveStruct* begin, moveStruct* end) {
-    // Moves of unpinned pieces other than the king need no test, en passant aside.
-    const bitboard careful = ~pos->plyStack[ply].notPinned | bb(pos->kingSquare(pos->sideToMove));
+    const bitboard careful = carefulSquares(pos, ply);
     for (moveStruct* m = begin; m < end;) {
-        if (!((bb(m->from) & careful) || m->type == MT_ENPASSANT) || isLegal(pos, ply, *m))
+        if (passesLegality(pos, ply, careful, *m))
             m++;
         else
             *m = *--end;
     }
     return end;
+}
+
+u64 countLegal(const positionStruct* pos, u8 ply, const moveStruct* begin, const moveStruct* end) {
+    const bitboard careful = carefulSquares(pos, ply);
+    u64 legal = 0;
+    for (const moveStruct* m = begin; m < end; m++)
+        legal += passesLegality(pos, ply, careful, *m);
+    return legal;
 }
 
 void generateMovesLegal(u8 ply, moveStruct* first, positionStruct* pos) {

@@ -24,6 +24,8 @@ bool isLegal(const positionStruct* pos, u8 ply, moveStruct m);
 
 // Removes illegal moves from [begin, end) by swapping in the last one; returns the new end.
 moveStruct* filterLegal(const positionStruct* pos, u8 ply, moveStruct* begin, moveStruct* end);
+// The number of moves in [begin, end) that pass the legality test; the list is left as is.
+u64 countLegal(const positionStruct* pos, u8 ply, const moveStruct* begin, const moveStruct* end);
 
 // Computes the pin mask of the side to move (complement of its pinned pieces).
 bitboard computeNotPinned(const positionStruct* pos);

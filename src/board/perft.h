@@ -9,8 +9,9 @@
 // The deepest perft the ply records and the move buffer hold; deeper requests are refused.
 constexpr int PERFT_MAX_DEPTH = MAX_PLY;
 
-// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH), with the rights and en-passant
-// square of record `ply`. pos is only read; it needs no move buffer.
+// Counts the leaves `depth` plies below pos (1 <= depth <= PERFT_MAX_DEPTH), with the rights and
+// en-passant square of record `ply`. The moves are generated into the buffer bound to pos and made
+// and taken back on pos itself, which ends as it started.
 u64 perft(u8 ply, int depth, positionStruct* pos);
 
 // Runs the reference tests of a "FEN;depth;count" file up to its "full"/"extended"
