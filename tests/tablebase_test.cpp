@@ -6,6 +6,8 @@
 #include <unistd.h>
 #endif
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -194,7 +196,8 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
 }
 
 // The count line, empty values; the first folder holding a file wins, a broken copy there
-// fails the probe with one message, and so does a file that cannot be mapped.
+// fails the probe with one message, and so does a file that cannot be mapped; a file the
+// system gives no status for is passed over with the system's reason.
 TEST_F(Tablebase, Registration) {
     const std::string rook = "8/8/8/4k3/8/8/8/4K2R w - - 0 1";
     int ok;
@@ -220,6 +223,24 @@ TEST_F(Tablebase, Registration) {
         probeFen(rook, &ok);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
         EXPECT_EQ(ok, 0);
+    }
+    // A file whose status the system refuses counts as missing, and says why: the next
+    // folder's copy is used, and with no folder left the probe fails.
+    const std::string reason = "fstat: " + std::string(std::strerror(EIO)) + "\n";
+    for (const bool second : {true, false}) {
+        loadTablebases(b.path.string() + (second ? sep + b.path.string() : ""));
+        platform::failNextFileStatus(EIO);
+        testing::internal::CaptureStderr();
+        const int wdl = probeFen(rook, &ok);
+        const std::string err = testing::internal::GetCapturedStderr();
+#ifdef _WIN32  // the code is a Windows error number there, with its own text
+        EXPECT_EQ(err.rfind("fstat: ", 0), 0u) << err;
+#else
+        EXPECT_EQ(err.substr(0, reason.size()), reason);
+#endif
+        EXPECT_EQ(err.substr(err.find('\n') + 1), second ? "" : "Could not find KRvK.rtbw\n");
+        EXPECT_EQ(ok, second ? 1 : 0);
+        EXPECT_EQ(wdl, second ? 2 : 0);
     }
 #ifdef __linux__
     // A file too large for the address space left: the probe fails, the program goes on.

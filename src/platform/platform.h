@@ -29,13 +29,21 @@ struct fileMapping {
 enum class mapStatus {
     MAPPED,     // out holds the whole file
     ABSENT,     // no such regular file (missing, a folder, or not readable)
+    NO_STATUS,  // it opened, but the system gave neither its size nor its kind
     TOO_SHORT,  // a regular file of fewer than minSize bytes: nothing mapped
     FAILED,     // it exists but the system would not map it (address space, limits)
 };
 
-// Maps the whole of `file` read-only.
-mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out);
+// Maps the whole of `file` read-only. On NO_STATUS, `systemError` receives the system's text
+// for the failure, for the caller to report.
+mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
+                  std::string& systemError);
 void unmapFile(fileMapping& mapping);
+
+// The next mapFile fails as if the system refused the file's status with error `code`
+// (errno on POSIX, GetLastError() on Windows). No real file makes that query fail, so this
+// is how the tests reach that path.
+void failNextFileStatus(int code);
 
 // `bytes` of zeroed memory aligned to at least 64 bytes, on huge pages where the system
 // offers them and the block is large enough; nullptr when the memory is not to be had.

@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 
 #include "platform/platform.h"
@@ -24,7 +27,19 @@ size_t roundedSize(size_t bytes) {
     return align ? (bytes + align - 1) / align * align : bytes;
 }
 
+std::atomic<int> injectedStatError{0};
+
+int fileStatus(int fd, struct stat& st) {
+    if (int code = injectedStatError.exchange(0)) {
+        errno = code;
+        return -1;
+    }
+    return ::fstat(fd, &st);
+}
+
 }  // namespace
+
+void failNextFileStatus(int code) { injectedStatError = code; }
 
 bool isReadable(const std::string& file) {
     int fd = ::open(file.c_str(), O_RDONLY);
@@ -34,12 +49,18 @@ bool isReadable(const std::string& file) {
     return true;
 }
 
-mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out) {
+mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
+                  std::string& systemError) {
     int fd = ::open(file.c_str(), O_RDONLY);
     if (fd < 0)
         return mapStatus::ABSENT;
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fileStatus(fd, st) != 0) {
+        systemError = std::strerror(errno);
+        ::close(fd);
+        return mapStatus::NO_STATUS;
+    }
+    if (!S_ISREG(st.st_mode)) {
         ::close(fd);
         return mapStatus::ABSENT;
     }

@@ -7,6 +7,7 @@
 #include <io.h>
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
@@ -45,7 +46,29 @@ HANDLE openForReading(const std::string& file) {
                          FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
+std::atomic<DWORD> injectedStatError{0};
+
+BOOL fileSize(HANDLE h, LARGE_INTEGER& size) {
+    if (DWORD code = injectedStatError.exchange(0)) {
+        ::SetLastError(code);
+        return FALSE;
+    }
+    return ::GetFileSizeEx(h, &size);
+}
+
+// The system's text for an error code, without the line end it comes with.
+std::string errorText(DWORD code) {
+    char text[512] = {};
+    DWORD n = ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                               code, 0, text, sizeof text, nullptr);
+    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r' || text[n - 1] == ' '))
+        n--;
+    return n ? std::string(text, n) : "error " + std::to_string(code);
+}
+
 }  // namespace
+
+void failNextFileStatus(int code) { injectedStatError = DWORD(code); }
 
 bool isReadable(const std::string& file) {
     HANDLE h = openForReading(file);
@@ -55,14 +78,20 @@ bool isReadable(const std::string& file) {
     return true;
 }
 
-mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out) {
+mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
+                  std::string& systemError) {
     HANDLE h = openForReading(file);
     if (h == INVALID_HANDLE_VALUE)
         return mapStatus::ABSENT;
-    LARGE_INTEGER size{};
-    if (::GetFileType(h) != FILE_TYPE_DISK || !::GetFileSizeEx(h, &size)) {
+    if (::GetFileType(h) != FILE_TYPE_DISK) {
         ::CloseHandle(h);
         return mapStatus::ABSENT;
+    }
+    LARGE_INTEGER size{};
+    if (!fileSize(h, size)) {
+        systemError = errorText(::GetLastError());
+        ::CloseHandle(h);
+        return mapStatus::NO_STATUS;
     }
     if (uint64_t(size.QuadPart) < minSize || size.QuadPart == 0) {
         ::CloseHandle(h);

@@ -262,9 +262,15 @@ u32 readU16(const u8* p) { return u32(p[0]) | u32(p[1]) << 8; }
 // the reason on standard error when it fails.
 bool openTable(const std::string& name, const char* ext, u32 magic, tb_map& out) {
     for (const std::string& dir : paths) {
-        std::string file = dir + "/" + name + ext;
-        switch (platform::mapFile(file, 8, out)) {
+        std::string file = dir + "/" + name + ext, systemError;
+        switch (platform::mapFile(file, 8, out, systemError)) {
         case platform::mapStatus::ABSENT: continue;
+        // A file whose size the system would not give is passed over like a missing one, but
+        // not silently: the next folder may hold a good copy, and the user should know why
+        // this one was not used.
+        case platform::mapStatus::NO_STATUS:
+            std::fprintf(stderr, "fstat: %s\n", systemError.c_str());
+            continue;
         // Too short to hold even the header: nothing worth mapping.
         case platform::mapStatus::TOO_SHORT: std::fputs("Corrupted table.\n", stderr); return false;
         case platform::mapStatus::FAILED:
