@@ -15,6 +15,8 @@ KIWIPETE = r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1
 
 .PHONY: all build run test bench pgo sanitize asan tsan format clean exe release release-check
 
+.PHONY: fuzz fuzz-coverage
+
 ifdef EXE
 all: exe
 else
@@ -82,6 +84,16 @@ asan:
 	cmake --build --preset asan -j$(JOBS)
 	QUORVANE_PERFT_LIMIT=$(PERFT_LIMIT) ctest --preset asan -j$(JOBS)
 
+# Coverage-guided fuzzing (tools/fuzz.sh): the harnesses of tests/fuzz/ built with clang's
+# libFuzzer, ASan and UBSan in build-fuzz/, each run FUZZ_SECONDS on its corpus, one at a time;
+# fuzz-coverage: llvm-cov line coverage of each harness's code on its corpus.
+FUZZ_SECONDS ?= 60
+fuzz:
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) CMAKE_ARGS="$(CMAKE_ARGS)" tools/fuzz.sh run
+
+fuzz-coverage:
+	JOBS=$(JOBS) CMAKE_ARGS="$(CMAKE_ARGS)" tools/fuzz.sh coverage
+
 tsan:
 	cmake --preset tsan $(CMAKE_ARGS)
 	cmake --build --preset tsan -j$(JOBS)
@@ -91,4 +103,4 @@ format:
 	$(CLANG_FORMAT) -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(PGO_BUILD) $(EXE_BUILD) build-asan build-tsan build-release dist
+	rm -rf $(BUILD) $(PGO_BUILD) $(EXE_BUILD) build-asan build-tsan build-fuzz build-release dist

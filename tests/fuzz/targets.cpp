@@ -1,0 +1,807 @@
+#include "targets.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <sstream>
+#include <unordered_set>
+#include <vector>
+
+#include "board/bitboards.h"
+#include "board/makemove.h"
+#include "board/movegen.h"
+#include "board/output.h"
+#include "board/perft.h"
+#include "board/position.h"
+#include "board/zobrist.h"
+#include "engine/workforce.h"
+#include "eval/evaluate.h"
+#include "tablebase/tbprobe.h"
+#include "tuning/pgn.h"
+#include "tuning/texel.h"
+#include "tuning/weightsfile.h"
+#include "uci/uci.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define QUORVANE_SANITIZER_REPORT 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QUORVANE_SANITIZER_REPORT 1
+#endif
+#endif
+#if QUORVANE_SANITIZER_REPORT
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Under libFuzzer the sanitizer runtime reports on libFuzzer's own copy of standard error,
+// which stays open when the harness's output is closed (-close_fd_mask).
+void abortOnFailure(const std::string& what) {
+    const std::string message = "fuzz check failed: " + what;
+#if QUORVANE_SANITIZER_REPORT
+    __sanitizer_report_error_summary(message.c_str());
+#else
+    std::fprintf(stderr, "%s\n", message.c_str());
+#endif
+    std::abort();
+}
+
+fuzzFailureFn failureHandler = abortOnFailure;
+
+void fail(const std::string& what) { failureHandler(what); }
+
+std::string textOf(const uint8_t* data, size_t size) {
+    return std::string(reinterpret_cast<const char*>(data), size);
+}
+
+void initOnce() {
+    static bool done = false;
+    if (!done) {
+        initBitboardConstants();
+        initHashCodeTables();
+        done = true;
+    }
+}
+
+// A folder of this process for the files the readers open; removed at exit.
+const fs::path& scratchDir() {
+    static const fs::path dir = [] {
+        std::random_device rd;
+        fs::path d = fs::temp_directory_path() / ("quorvane-fuzz-" + std::to_string(rd()));
+        fs::create_directories(d);
+        std::atexit([] {
+            std::error_code ec;
+            fs::remove_all(scratchDir(), ec);
+        });
+        return d;
+    }();
+    return dir;
+}
+
+std::string writeScratch(const std::string& name, const std::string& bytes) {
+    const fs::path file = scratchDir() / name;
+    std::ofstream(file, std::ios::binary) << bytes;
+    return file.string();
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// A position with its own move buffer.
+struct ownedPosition {
+    std::unique_ptr<positionStruct> pos = std::make_unique<positionStruct>();
+    std::vector<moveStruct> buffer = std::vector<moveStruct>(MOVE_BUFFER);
+    positionStruct* get() {
+        pos->bindMoveBuffer(buffer.data());
+        return pos.get();
+    }
+};
+
+// ---------------------------------------------------------------------------------------
+// Position checks shared by the harnesses.
+
+// The fields that make and take-back restore and that a FEN describes, as bytes.
+std::string boardState(const positionStruct* p, int ply = 0) {
+    std::string s;
+    auto add = [&](const void* at, size_t n) { s.append(static_cast<const char*>(at), n); };
+    add(p->board, sizeof p->board);
+    add(p->bitboards, sizeof p->bitboards);
+    add(&p->hashKey, sizeof p->hashKey);
+    add(&p->pawnKey, sizeof p->pawnKey);
+    add(p->material, sizeof p->material);
+    add(p->psqScore, sizeof p->psqScore);
+    add(&p->phase, sizeof p->phase);
+    add(&p->sideToMove, sizeof p->sideToMove);
+    add(&p->halfMoveClock, sizeof p->halfMoveClock);
+    add(&p->plyStack[ply].castlingRights, 1);
+    add(&p->plyStack[ply].enPassantSquare, 1);
+    return s;
+}
+
+// Keys, material, piece-square sums and phase rebuilt from the board equal the position's
+// own; the bitboards match the board; one king each; the side not to move is not in
+// check; the last key of the history is the current key. `ply` holds the rights and
+// en-passant square in force.
+void checkConsistent(positionStruct* pos, int ply, const std::string& where, bool history = true) {
+    plyStruct& p0 = pos->plyStack[0];
+    const u8 rights = p0.castlingRights, ep = p0.enPassantSquare;
+    p0.castlingRights = pos->plyStack[ply].castlingRights;
+    p0.enPassantSquare = pos->plyStack[ply].enPassantSquare;
+    const u64 key = calcHashKey(0, pos);
+    p0.castlingRights = rights;
+    p0.enPassantSquare = ep;
+    if (key != pos->hashKey)
+        fail(where + ": hash key differs from the one rebuilt from the board");
+    if (calcPawnKey(pos) != pos->pawnKey)
+        fail(where + ": pawn key differs from the one rebuilt from the board");
+    if (pos->gamePly < 1 || pos->gamePly > KEY_HISTORY
+        || (history && pos->keyHistory[pos->gamePly - 1] != pos->hashKey))
+        fail(where + ": key history does not end in the current key");
+    const i32 m0 = pos->material[0], m1 = pos->material[1];
+    const i32 s0 = pos->psqScore[0], s1 = pos->psqScore[1];
+    const u16 phase = pos->phase;
+    calcScores(pos);
+    if (m0 != pos->material[0] || m1 != pos->material[1] || s0 != pos->psqScore[0]
+        || s1 != pos->psqScore[1] || phase != pos->phase)
+        fail(where + ": material, piece-square sums or phase differ from the rebuilt ones");
+    bitboard fromBoard[14] = {};
+    for (int sq = 0; sq < 64; sq++)
+        if (const int pc = pos->board[sq]) {
+            if (pc < WPAWN || pc > BKING)
+                fail(where + ": bad piece code on the board");
+            fromBoard[pc] |= bb(sq);
+            fromBoard[pc & 1] |= bb(sq);
+        }
+    if (std::memcmp(fromBoard, pos->bitboards, sizeof fromBoard) != 0)
+        fail(where + ": bitboards differ from the board");
+    if (popCount(pos->bitboards[WKING]) != 1 || popCount(pos->bitboards[BKING]) != 1)
+        fail(where + ": not one king per side");
+    const int them = pos->sideToMove ^ 1;
+    if (squareAttacked(pos, pos->kingSquare(them), them ^ 1, pos->occupied()))
+        fail(where + ": the side not to move is in check");
+}
+
+// The FEN of a position (rights and en-passant square of ply 0). Unlike fenFields() it
+// keeps an en-passant square that no pawn can take, as the reader does.
+std::string fenOf(const positionStruct* pos) {
+    std::string fen = fenFields(pos);
+    fen.erase(fen.rfind(' '));
+    const int ep = pos->plyStack[0].enPassantSquare;
+    fen += ep ? " " + squareToString(pos->sideToMove == WHITE ? ep + 8 : ep - 8) : " -";
+    const int fullMove = std::max(1, (pos->gamePly - 1 - pos->sideToMove) / 2 + 1);
+    return fen + " " + std::to_string(pos->halfMoveClock) + " " + std::to_string(fullMove);
+}
+
+// The legal moves at ply 0.
+std::vector<moveStruct> legalMoves(positionStruct* pos) {
+    setInCheck(0, pos);
+    generateMovesLegal(0, pos->plyStack[0].moveListBegin, pos);
+    return {pos->plyStack[0].moveListBegin, pos->plyStack[0].moveListEnd};
+}
+
+// Leaf count through the legal generator and make/take-back: the check of perft().
+u64 slowPerft(positionStruct* pos, int ply, int depth) {
+    plyStruct& ps = pos->plyStack[ply];
+    setInCheck(u8(ply), pos);
+    generateMovesLegal(u8(ply), ps.moveListBegin, pos);
+    if (depth <= 1)
+        return u64(ps.moveListEnd - ps.moveListBegin);
+    pos->plyStack[ply + 1].moveListBegin = ps.moveListEnd;
+    u64 n = 0;
+    for (moveStruct* m = ps.moveListBegin; m < ps.moveListEnd; m++) {
+        makeMove(pos, ply, *m);
+        n += slowPerft(pos, ply + 1, depth - 1);
+        takeBack(pos, ply, *m);
+    }
+    return n;
+}
+
+}  // namespace
+
+void setFuzzFailureHandler(fuzzFailureFn handler) {
+    failureHandler = handler ? handler : abortOnFailure;
+}
+
+// ---------------------------------------------------------------------------------------
+// FEN reader.
+
+int fuzzFen(const uint8_t* data, size_t size) {
+    initOnce();
+    const std::string fen = textOf(data, size);
+    static ownedPosition owned, again;
+    positionStruct* pos = owned.get();
+    std::string error;
+    if (!setPosition(fen, pos, &error)) {
+        if (error.empty())
+            fail("refused without a reason: '" + fen + "'");
+        return 0;
+    }
+    pos = owned.get();
+    checkConsistent(pos, 0, "read '" + fen + "'");
+
+    // The diagram shows every square once, each piece by its letter.
+    const std::string diagram = boardToString(pos);
+    int shown = 0;
+    for (char c : diagram)
+        shown += std::strchr("PNBRQKpnbrqk", c) != nullptr && c != 0;
+    if (std::count(diagram.begin(), diagram.end(), '\n') != 17 || shown != popCount(pos->occupied()))
+        fail("board diagram of '" + fen + "'");
+
+    // Every legal move makes and takes back to the same position, and the position after
+    // it is consistent; the legal count agrees with perft's own count.
+    const std::string before = boardState(pos);
+    const std::vector<moveStruct> moves = legalMoves(pos);
+    std::set<u32> seen;
+    pos->plyStack[1].moveListBegin = pos->plyStack[0].moveListEnd;
+    for (const moveStruct& m : moves) {
+        if (!seen.insert(m.packed() & 0xFFFFFF).second)
+            fail("move listed twice in '" + fen + "'");
+        const int us = pos->sideToMove;
+        makeMove(pos, 0, m);
+        checkConsistent(pos, 1, "'" + fen + "' after " + moveToLA(&m, u8(us)));
+        if (squareAttacked(pos, pos->kingSquare(us), us ^ 1, pos->occupied()))
+            fail("'" + fen + "': " + moveToLA(&m, u8(us)) + " leaves the king attacked");
+        takeBack(pos, 0, m);
+        if (boardState(pos) != before)
+            fail("'" + fen + "': " + moveToLA(&m, u8(us)) + " does not take back");
+    }
+    if (perft(0, 1, pos) != moves.size() || boardState(pos) != before)
+        fail("'" + fen + "': perft 1 differs from the legal move count");
+    evaluateN(0, pos);
+
+    // The FEN written back reads back to the same position.
+    const std::string written = fenOf(pos);
+    if (!setPosition(written, again.get(), &error))
+        fail("'" + fen + "' written back as '" + written + "' is refused: " + error);
+    if (boardState(again.get()) != before)
+        fail("'" + fen + "' written back as '" + written + "' reads as another position");
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Command loop.
+
+namespace {
+
+std::mutex uciOutputMutex;
+std::string uciOutput;
+
+void captureOutput(const std::string& text) {
+    std::lock_guard<std::mutex> lock(uciOutputMutex);
+    uciOutput += text;
+}
+
+std::string takeOutput() {
+    std::lock_guard<std::mutex> lock(uciOutputMutex);
+    std::string s;
+    s.swap(uciOutput);
+    return s;
+}
+
+bool startsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
+
+// An integer as the command loop reads it (sign, digits only), pinned to +-2^31.
+bool wholeNumber(const std::string& s, long long& v) {
+    size_t i = !s.empty() && (s[0] == '-' || s[0] == '+');
+    if (i == s.size())
+        return false;
+    v = 0;
+    for (size_t k = i; k < s.size(); k++) {
+        if (s[k] < '0' || s[k] > '9')
+            return false;
+        v = std::min(v * 10 + (s[k] - '0'), 1LL << 40);
+    }
+    if (s[0] == '-')
+        v = -v;
+    return true;
+}
+
+std::vector<std::string> wordsOf(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    for (std::string t; in >> t;)
+        w.push_back(t);
+    return w;
+}
+
+std::string joined(const std::vector<std::string>& w) {
+    std::string s;
+    for (const std::string& t : w)
+        s += (s.empty() ? "" : " ") + t;
+    return s;
+}
+
+// The line as the harness sends it, or "" to leave it out: searches of depth 1 to 4
+// without pondering or an infinite clock, one thread, small tables, perft no deeper than
+// 2, tablebases only from the shared folder, and no "quit", "bench", "rtest" or "texel"
+// (long runs or files of their own; the file readers have their own harnesses).
+std::string boundedLine(const std::string& line) {
+    std::vector<std::string> w = wordsOf(line);
+    if (w.empty())
+        return line;
+    const std::string cmd = w[0];
+    long long v;
+    if (cmd == "quit" || cmd == "rtest" || cmd == "texel")
+        return "";
+    if (cmd == "bench")  // only its refusals
+        return w.size() >= 2 && !wholeNumber(w[1], v) ? line : "";
+    if (cmd == "perft" && w.size() >= 2 && wholeNumber(w[1], v) && v > 2)
+        w[1] = "2";
+    if (cmd == "go") {
+        int depth = 2;
+        std::vector<std::string> kept{"go"};
+        for (size_t i = 1; i < w.size(); i++) {
+            if (w[i] == "infinite" || w[i] == "ponder")
+                continue;
+            if (w[i] == "depth") {
+                if (i + 1 < w.size() && wholeNumber(w[i + 1], v) && v >= 1 && v <= 4)
+                    depth = int(v);
+                i++;
+                continue;
+            }
+            kept.push_back(w[i]);
+        }
+        kept.insert(kept.begin() + 1, {"depth", std::to_string(depth)});
+        w = kept;
+    }
+    if (cmd == "setoption") {
+        const size_t at = std::find(w.begin(), w.end(), "value") - w.begin();
+        const std::string name = joined({w.begin() + std::min<size_t>(2, at), w.begin() + at});
+        if (at + 1 < w.size()) {
+            std::string& value = w[at + 1];
+            if (name == "Threads")
+                value = "1";
+            else if (name == "Hash" && wholeNumber(value, v) && v > 4)
+                value = "4";
+            else if (name == "SyzygyPath") {
+                w.resize(at + 2);
+                value = value.find("syzygy") != std::string::npos
+                            ? std::string(QUORVANE_DATA_DIR) + "/syzygy"
+                            : "<empty>";
+            }
+        }
+    }
+    return joined(w);
+}
+
+// The command position's board, keys, side, rights, en-passant square and clock.
+std::string commandPositionState() { return boardState(&GPSData); }
+
+// What a "position" line should leave, worked out apart from the command loop: the
+// position, and the refusal line if any ("" when everything is played).
+bool expectedPosition(const std::vector<std::string>& w, ownedPosition& out, std::string& refusal) {
+    size_t i = 2;
+    std::string fen;
+    if (w.size() < 2 || (w[1] != "startpos" && w[1] != "fen")) {
+        refusal = "info string position needs 'startpos' or 'fen'";
+        return false;
+    }
+    if (w[1] == "startpos")
+        fen = fenStartPos;  // the word after it is taken as "moves", whatever it is
+    else
+        for (; i < w.size() && w[i] != "moves"; i++)
+            fen += w[i] + " ";
+    std::string error;
+    if (!setPosition(fen, out.get(), &error)) {
+        refusal = "info string invalid FEN (" + error + "), position unchanged";
+        return false;
+    }
+    positionStruct* pos = out.get();
+    for (i++; i < w.size(); i++) {
+        moveStruct found = EMPTYMOVE;
+        for (const moveStruct& m : legalMoves(pos))
+            if (moveToLA(&m, pos->sideToMove) == w[i])
+                found = m;
+        if (found.empty()) {
+            refusal = "info string illegal or malformed move " + w[i] + ", moves after it ignored";
+            break;
+        }
+        makeMove(pos, 0, found);
+        pos->plyStack[0].castlingRights = pos->plyStack[1].castlingRights;
+        pos->plyStack[0].enPassantSquare = pos->plyStack[1].enPassantSquare;
+    }
+    return true;
+}
+
+// Confirmations that begin like a refusal.
+bool confirmation(const std::string& line) {
+    for (const char* p :
+         {"info string Size of Hashtable set to : ", "info string Number of threads set to : ",
+          "info string MoveOverhead set to : ", "info string Ponder set to : ",
+          "info string Syzygy tablebases used from directory : ", "info string SyzygyProbeDepth set to: ",
+          "info string not enough memory for a table of "})
+        if (startsWith(line, p))
+            return true;
+    return false;
+}
+
+void resetCommandLoop() {
+    static bool started = false;
+    if (!started) {
+        initOnce();
+        GPSData.bindMoveBuffer(GMS);
+        theWorkForce.setNofWorkers(1);
+        started = true;
+    }
+    for (const char* line :
+         {"setoption name Threads value 1", "setoption name Hash value 1", "setoption name Ponder value false",
+          "setoption name MoveOverhead value 100", "setoption name SyzygyPath value <empty>",
+          "setoption name SyzygyProbeDepth value 0", "ucinewgame", "position startpos", "perft 1"})
+        executeCommand(line);
+}
+
+}  // namespace
+
+int fuzzUci(const uint8_t* data, size_t size) {
+    setTextSink(captureOutput);
+    resetCommandLoop();
+    takeOutput();
+    static ownedPosition expected;
+    for (const std::string& raw : splitLines(textOf(data, size))) {
+        const std::string line = boundedLine(raw);
+        if (line.empty() && !raw.empty())
+            continue;
+        const std::vector<std::string> w = wordsOf(line);
+        const std::string cmd = w.empty() ? "" : w[0];
+        const std::string before = commandPositionState();
+        executeCommand(line);
+        if (cmd == "go")
+            theWorkForce.waitSearchEnd();
+        const std::string out = takeOutput();
+        const std::vector<std::string> lines = splitLines(out);
+        const std::string where = "after '" + line + "'";
+        if (!out.empty() && out.back() != '\n')
+            fail(where + ": output does not end a line");
+        // ("ucinewgame" clears the key history, the current key included.)
+        checkConsistent(&GPSData, 0, "command position " + where, false);
+
+        // Refusals: one "info string" line, the only line a command prints (a "go" prints
+        // one per ignored value before its search output).
+        std::vector<std::string> refusals;
+        for (const std::string& l : lines)
+            if (startsWith(l, "info string") && !confirmation(l))
+                refusals.push_back(l);
+        if (!refusals.empty() && cmd != "go" && lines.size() != 1)
+            fail(where + ": a refusal among other lines:\n" + out);
+        if (cmd == "go") {
+            for (const std::string& r : refusals)
+                if (!startsWith(r, "info string go "))
+                    fail(where + ": unexpected refusal " + r);
+            const std::string& last = lines.empty() ? "" : lines.back();
+            if (!startsWith(last, "bestmove "))
+                fail(where + ": no bestmove at the end:\n" + out);
+            const std::string move = wordsOf(last).size() > 1 ? wordsOf(last)[1] : "";
+            std::vector<moveStruct> legal = legalMoves(&GPSData);
+            bool found = legal.empty() && move == "a1a1";
+            for (const moveStruct& m : legal)
+                found |= moveToLA(&m, GPSData.sideToMove) == move;
+            if (!found)
+                fail(where + ": bestmove " + move + " is not legal");
+        } else if (cmd == "position") {
+            std::string refusal;
+            const bool kept = expectedPosition(w, expected, refusal);
+            if (!refusal.empty() && (lines.size() != 1 || lines[0] != refusal))
+                fail(where + ": expected '" + refusal + "', got:\n" + out);
+            if (refusal.empty() && !out.empty())
+                fail(where + ": unexpected output:\n" + out);
+            const std::string now = commandPositionState();
+            if (!kept ? now != before : now != boardState(expected.get()))
+                fail(where + ": the command position is not the one the line describes");
+        } else if (commandPositionState() != before) {
+            fail(where + ": the command position changed");
+        }
+        if (cmd.empty() || (cmd != "position" && cmd != "go" && cmd != "stop" && cmd != "ponderhit"
+                            && cmd != "ucinewgame" && cmd != "uci" && cmd != "setoption"
+                            && cmd != "isready" && cmd != "perft" && cmd != "showboard"
+                            && cmd != "evil" && cmd != "eval" && cmd != "help" && cmd != "bench")) {
+            if (out != "Unknown command\n")
+                fail(where + ": an unknown command answers '" + out + "'");
+        }
+    }
+    setTextSink(nullptr);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Syzygy reader.
+
+const char* const SYZYGY_FUZZ_TABLES[] = {
+    "KBvK",  "KNvK",  "KPvK",  "KQvK",  "KRvK",  "KBBvK", "KBNvK", "KBPvK", "KBvKB",
+    "KBvKN", "KBvKP", "KNNvK", "KNPvK", "KNvKN", "KNvKP", "KPPvK", "KPvKP", "KQBvK",
+    "KQNvK", "KQPvK", "KQQvK", "KQRvK", "KQvKB", "KQvKN", "KQvKP", "KQvKQ", "KQvKR",
+    "KRBvK", "KRNvK", "KRPvK", "KRRvK", "KRvKB", "KRvKN", "KRvKP", "KRvKR",
+};
+const int SYZYGY_FUZZ_TABLE_COUNT = int(std::size(SYZYGY_FUZZ_TABLES));
+
+std::string syzygyInput(int table, int seed, const std::string& wdl, const std::string& dtz) {
+    std::string s{char(table), char(seed)};
+    for (int i = 0; i < 4; i++)
+        s += char((wdl.size() >> (8 * i)) & 255);
+    return s + wdl + dtz;
+}
+
+namespace {
+
+int letterType(char c) {
+    const char* at = std::strchr(" PNBRQK", c);
+    return at && c ? int(at - " PNBRQK") : 0;
+}
+
+// A legal position of the table's material (colours as named, or swapped), with the side
+// to move able to capture nothing: a capture would probe a smaller table, which the
+// harness's folder lacks. False when the random placement fails.
+bool randomTbPosition(const std::string& name, std::mt19937& rng, tb_pos& p) {
+    p = tb_pos{};
+    const int swap = int(rng() % 2);
+    int colour = swap;
+    for (char c : name) {
+        if (c == 'v') {
+            colour ^= 1;
+            continue;
+        }
+        const int type = letterType(c);
+        bitboard free = ~(p.colour[0] | p.colour[1]);
+        if (type == PAWN)
+            free &= ~(rankBB(0) | rankBB(7));
+        if (!free)
+            return false;
+        int sq;
+        do
+            sq = int(rng() % 64);
+        while (!(free & bb(sq)));
+        p.colour[colour] |= bb(sq);
+        p.type[type] |= bb(sq);
+    }
+    p.side = int(rng() % 2);
+    p.rule50 = int(rng() % 4) ? 0 : int(rng() % 100);
+    const int k0 = lsb(p.type[KING] & p.colour[0]), k1 = lsb(p.type[KING] & p.colour[1]);
+    if (kingAttackTable[k0] & bb(k1))
+        return false;
+    tb_pos flipped = p;
+    flipped.side ^= 1;
+    if (tb_in_check(flipped))  // the side not to move is in check
+        return false;
+    tb_move moves[TB_MAX_MOVES];
+    const int n = tb_legal_moves(p, moves);
+    for (int i = 0; i < n; i++)
+        if (moves[i].flags & TB_CAPTURE)
+            return false;
+    return true;
+}
+
+void discardText(const std::string&) {}
+
+}  // namespace
+
+int fuzzSyzygy(const uint8_t* data, size_t size) {
+    initOnce();
+    if (size < 6)
+        return 0;
+    const std::string name = SYZYGY_FUZZ_TABLES[data[0] % SYZYGY_FUZZ_TABLE_COUNT];
+    size_t wdlSize = 0;
+    for (int i = 0; i < 4; i++)
+        wdlSize |= size_t(data[2 + i]) << (8 * i);
+    wdlSize = std::min(wdlSize, size - 6);
+    const std::string wdl = textOf(data + 6, wdlSize), dtz = textOf(data + 6 + wdlSize, size - 6 - wdlSize);
+
+    static const fs::path dir = scratchDir() / "syzygy";
+    static bool made = fs::create_directories(dir);
+    (void)made;
+    for (const fs::directory_entry& f : fs::directory_iterator(dir))
+        fs::remove(f.path());
+    std::ofstream(dir / (name + ".rtbw"), std::ios::binary) << wdl;
+    std::ofstream(dir / (name + ".rtbz"), std::ios::binary) << dtz;
+
+    setTextSink(discardText);
+    init_tablebases(dir.string());
+    setTextSink(nullptr);
+    if (TB_LARGEST != int(name.size()) - 1)
+        fail(name + ": the table was not registered");
+
+    std::mt19937 rng(data[1]);
+    for (int probes = 0, tries = 0; probes < 8 && tries < 200; tries++) {
+        tb_pos p;
+        if (!randomTbPosition(name, rng, p))
+            continue;
+        probes++;
+        int success = 1;
+        const int wdlValue = probe_wdl(p, &success);
+        if (!success)
+            continue;
+        if (wdlValue < -2 || wdlValue > 2)
+            fail(name + ": WDL value " + std::to_string(wdlValue) + " out of range");
+        success = 1;
+        const int dtzValue = probe_dtz(p, &success);
+        if (success && (dtzValue < -1000 || dtzValue > 1000))
+            fail(name + ": DTZ value " + std::to_string(dtzValue) + " out of range");
+    }
+    init_tablebases("");
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// File readers.
+
+int fuzzEpd(const uint8_t* data, size_t size) {
+    initOnce();
+    const std::string text = textOf(data, size);
+    const std::string file = writeScratch("positions.epd", text);
+    std::vector<texelPosStruct> loaded;
+    std::vector<float> labels;
+    int skipped = -1;
+    if (!loadTexelPositions(file, loaded, skipped, &labels))
+        fail("the positions file could not be opened");
+    size_t nonEmpty = 0;
+    for (const std::string& line : splitLines(text))
+        nonEmpty += !line.empty();
+    if (loaded.size() + size_t(skipped) != nonEmpty || labels.size() != loaded.size())
+        fail("kept and skipped lines do not add up to the lines of the file");
+    static ownedPosition pos;
+    for (const texelPosStruct& t : loaded) {
+        if (t.result != 0 && t.result != 0.5 && t.result != 1)
+            fail("result " + std::to_string(t.result) + " of '" + t.fen + "'");
+        if (!setPosition(t.fen, pos.get()))
+            fail("kept position '" + t.fen + "' does not read");
+        evaluateN(0, pos.get());
+    }
+    return 0;
+}
+
+int fuzzWeights(const uint8_t* data, size_t size) {
+    const std::string text = textOf(data, size);
+    const std::vector<weightPairText> all = weightPairsIn(text);
+    size_t last = 0;
+    for (const weightPairText& w : all) {
+        if (w.at < last || w.at + w.length > text.size() || text.compare(w.at, 2, "S(") != 0
+            || text[w.at + w.length - 1] != ')')
+            fail("pair at " + std::to_string(w.at) + " out of order or not a pair");
+        last = w.at + w.length;
+        // The pair's own text reads as this one pair.
+        const std::vector<weightPairText> alone = weightPairsIn(text.substr(w.at, w.length));
+        if (alone.size() != 1 || alone[0].mg != w.mg || alone[0].eg != w.eg)
+            fail("pair at " + std::to_string(w.at) + " does not read alone");
+    }
+    // A part of the text holds the pairs lying wholly inside it.
+    const size_t from = size / 3, to = 2 * size / 3;
+    std::vector<weightPairText> inside;
+    for (const weightPairText& w : all)
+        if (w.at >= from && w.at + w.length <= to)
+            inside.push_back(w);
+    const std::vector<weightPairText> part = weightPairsIn(text, from, to);
+    if (part.size() != inside.size())
+        fail("a part of the text holds " + std::to_string(part.size()) + " pairs, expected "
+             + std::to_string(inside.size()));
+    for (size_t i = 0; i < part.size(); i++)
+        if (part[i].at != inside[i].at || part[i].mg != inside[i].mg)
+            fail("the pairs of a part differ from those of the whole");
+    // Rewritten as the tuner writes its tables, the text reads back the new values.
+    std::string out;
+    last = 0;
+    for (size_t i = 0; i < all.size(); i++) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "S(%3d,%3d)", int(i % 201) - 100, -int(i % 97));
+        out += text.substr(last, all[i].at - last) + buf;
+        last = all[i].at + all[i].length;
+    }
+    out += text.substr(last);
+    const std::vector<weightPairText> back = weightPairsIn(out);
+    if (back.size() != all.size())
+        fail("the rewritten text holds " + std::to_string(back.size()) + " pairs, expected "
+             + std::to_string(all.size()));
+    for (size_t i = 0; i < back.size(); i++)
+        if (back[i].mg != int(i % 201) - 100 || back[i].eg != -int(i % 97))
+            fail("the rewritten text reads other values");
+    return 0;
+}
+
+int fuzzPerftFile(const uint8_t* data, size_t size) {
+    initOnce();
+    // Depths above 2 become 2, so that no test runs long.
+    std::string text;
+    std::vector<std::string> lines = splitLines(textOf(data, size));
+    for (std::string& line : lines) {
+        const size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
+        if (b != std::string::npos) {
+            try {
+                if (std::stoi(line.substr(a + 1, b - a - 1)) > 2)
+                    line.replace(a + 1, b - a - 1, "2");
+            } catch (const std::exception&) {
+            }
+        }
+        text += line + "\n";
+    }
+    const std::string file = writeScratch("perft.txt", text);
+    std::ostringstream report;
+    int testsRun = 0;
+    const bool allPassed = runPerftFile(file, report, &testsRun);
+
+    // One result line per test line up to the end marker, then the summary.
+    std::vector<std::string> tests;
+    for (std::string line : lines) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (line == "full" || line == "extended")
+            break;
+        if (!line.empty())
+            tests.push_back(line);
+    }
+    const std::vector<std::string> out = splitLines(report.str());
+    if (out.size() != tests.size() + 1
+        || out.back() != std::string("Results of the perft checks is OK: ") + (allPassed ? "1" : "0"))
+        fail("perft report does not hold one line per test and the summary:\n" + report.str());
+    static ownedPosition pos;
+    int readable = 0;
+    bool passed = true;
+    for (size_t i = 0; i < tests.size(); i++) {
+        const std::string& r = out[i];
+        if (r == "0; " + tests[i] + "; unreadable test line") {
+            passed = false;
+            continue;
+        }
+        readable++;
+        // "pass; FEN; depth; expected; counted; ns": the count is checked apart.
+        std::vector<std::string> f;
+        for (size_t at = 0, next; at != std::string::npos; at = next == std::string::npos ? next : next + 2) {
+            next = r.find("; ", at);
+            f.push_back(r.substr(at, next == std::string::npos ? next : next - at));
+        }
+        std::string error;
+        if (f.size() != 6 || !setPosition(f[1], pos.get(), &error))
+            fail("perft result line '" + r + "' for '" + tests[i] + "'");
+        const u64 count = slowPerft(pos.get(), 0, std::stoi(f[2]));
+        if (f[4] != std::to_string(count) || (f[0] == "1") != (f[3] == f[4]))
+            fail("perft result line '" + r + "': the legal move tree holds " + std::to_string(count));
+        passed &= f[0] == "1";
+    }
+    if (readable != testsRun || passed != allPassed)
+        fail("perft test count or summary disagrees with the result lines");
+    return 0;
+}
+
+int fuzzPgn(const uint8_t* data, size_t size) {
+    initOnce();
+    std::istringstream in(textOf(data, size));
+    std::unordered_set<std::string> seen;
+    std::ostringstream out, log;
+    pgnCountsStruct counts;
+    pgnToEpd(in, "fuzz.pgn", 0, seen, out, log, counts);
+    const std::vector<std::string> lines = splitLines(out.str());
+    if (counts.used > counts.games || long(lines.size()) != counts.written
+        || long(splitLines(log.str()).size()) != counts.unreadable)
+        fail("counts disagree with the output:\n" + out.str() + log.str());
+    static ownedPosition pos;
+    std::set<std::string> fens;
+    for (const std::string& line : lines) {
+        // "<4 FEN fields> c9 "<result>";", read back as the tuner reads it.
+        const std::vector<std::string> w = wordsOf(line);
+        if (w.size() != 6 || w[4] != "c9"
+            || (w[5] != "\"1-0\";" && w[5] != "\"0-1\";" && w[5] != "\"1/2-1/2\";"))
+            fail("output line '" + line + "'");
+        const std::string fen = joined({w.begin(), w.begin() + 4});
+        std::string error;
+        if (!setPosition(fen, pos.get(), &error))
+            fail("written position '" + fen + "' is refused: " + error);
+        if (fenFields(pos.get()) != fen)
+            fail("written position '" + fen + "' reads back as '" + fenFields(pos.get()) + "'");
+        if (inCheckNow(pos.get()))
+            fail("written position '" + fen + "' is in check");
+        if (!fens.insert(fen).second)
+            fail("position '" + fen + "' written twice");
+    }
+    return 0;
+}
