@@ -94,12 +94,12 @@ moveStruct findSan(positionStruct* pos, std::string san) {
                 return EMPTYMOVE;
             san.erase(eq);
         }
-        if (san.size() < 2)
-            return EMPTYMOVE;
         if (pieceOfLetter(san[0])) {
             piece = pieceOfLetter(san[0]);
             san.erase(0, 1);
         }
+        if (san.size() < 2)  // "Nf" and the like: no destination square
+            return EMPTYMOVE;
         const char f = san[san.size() - 2], r = san[san.size() - 1];
         if (f < 'a' || f > 'h' || r < '1' || r > '8')
             return EMPTYMOVE;
