@@ -356,7 +356,10 @@ int probe_dtz_no_ep(const tb_pos& p, int* success) {
             if (v > 0 && v + 1 < best)
                 best = v + 1;
         }
-        return best;
+        // No move keeps the win the WDL table promised: the two files disagree.
+        if (best == 0xFFFF)
+            *success = 0;
+        return best == 0xFFFF ? 0 : best;
     }
     int best = -1;
     for (int i = 0; i < n; i++) {
