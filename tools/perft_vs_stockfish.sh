@@ -1,22 +1,26 @@
 #!/usr/bin/env bash
-# Perft speed of our engine beside Debian's stockfish on the same positions, in one run.
-# Each engine is started once per measurement with the position and the perft command on
-# standard input; its CPU time (user + system) minus that of a run doing nothing but start
-# and quit is the perft time. The best of RUNS runs counts. Node counts must agree.
+# Perft speed of one or more builds of our engine beside Debian's stockfish on the same
+# positions, in one run. Each engine is started once per measurement with the position and
+# the perft command on standard input; its CPU time (user + system) minus that of a run doing
+# nothing but start and quit is the perft time. The best of RUNS runs counts, the runs of the
+# engines taking turns so that a busy spell of the machine hits them alike. Node counts must
+# agree.
 #
-#   tools/perft_vs_stockfish.sh            (builds build/quorvane first when missing)
-#   RUNS=5 QUORVANE=/path/to/quorvane tools/perft_vs_stockfish.sh
+#   tools/perft_vs_stockfish.sh                       (build/quorvane, built when missing)
+#   RUNS=5 tools/perft_vs_stockfish.sh /tmp/old/quorvane build/quorvane
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
-ours=${QUORVANE:-$repo/build/quorvane}
+if [ $# -eq 0 ]; then
+    set -- "${QUORVANE:-$repo/build/quorvane}"
+    [ -x "$1" ] || make -C "$repo" build >/dev/null
+fi
 runs=${RUNS:-3}
 
 if ! command -v stockfish >/dev/null 2>&1 && [ ! -x /usr/games/stockfish ]; then
     apt-get update && apt-get install -y stockfish
 fi
 sf=$(command -v stockfish 2>/dev/null || echo /usr/games/stockfish)
-[ -x "$ours" ] || make -C "$repo" build >/dev/null
 command -v /usr/bin/time >/dev/null 2>&1 || { echo "needs /usr/bin/time (package time)"; exit 1; }
 
 names=(startpos kiwipete)
@@ -31,41 +35,56 @@ trap 'rm -rf "$tmp"' EXIT
 # kernel has at hand. A 1 MB ceiling keeps the start-up cost small and steady.
 export QUORVANE_HASH_LIMIT_MB=1
 
-# best_cpu ENGINE INPUT: prints the least user+system seconds of $runs runs; the output of
-# the last run is left in $tmp/out.
-best_cpu() {
-    local best="" t
-    for ((r = 0; r < runs; r++)); do
-        /usr/bin/time -f "%U %S" -o "$tmp/time" "$1" <<<"$2" >"$tmp/out" 2>/dev/null
-        t=$(awk '{printf "%.3f", $1 + $2}' "$tmp/time")
-        if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN{exit !(a < b)}'; then best=$t; fi
-    done
-    echo "$best"
+# cpu ENGINE INPUT: user+system seconds of one run; its output is left in $tmp/out.
+cpu() {
+    /usr/bin/time -f "%U %S" -o "$tmp/time" "$1" <<<"$2" >"$tmp/out" 2>/dev/null
+    awk '{printf "%.3f", $1 + $2}' "$tmp/time"
 }
+min() { awk -v a="$1" -v b="$2" 'BEGIN{print (b == "" || a < b) ? a : b}'; }
 
-base_ours=$(best_cpu "$ours" "quit")
-base_sf=$(best_cpu "$sf" "quit")
-
-printf '%-9s %5s %11s %15s %15s %8s\n' position depth nodes "quorvane Mnps" "stockfish Mnps" ratio
-status=0
+engines=("$sf" "$@")
+labels=("stockfish" "$@")
+# One row per engine and position: start-up time, then the perft runs in turn.
+declare -A best nodes
+for e in "${!engines[@]}"; do
+    for ((r = 0; r < runs; r++)); do
+        best[$e,base]=$(min "$(cpu "${engines[$e]}" quit)" "${best[$e,base]:-}")
+    done
+done
 for i in "${!names[@]}"; do
     fen=${fens[$i]} depth=${depths[$i]}
-    t_ours=$(best_cpu "$ours" "position fen $fen
-perft $depth
-quit")
-    n_ours=$(awk '/^Perft results for depth:/ {print $6}' "$tmp/out")
-    t_sf=$(best_cpu "$sf" "position fen $fen
+    for ((r = 0; r < runs; r++)); do
+        for e in "${!engines[@]}"; do
+            if [ "$e" -eq 0 ]; then
+                t=$(cpu "$sf" "position fen $fen
 go perft $depth
 quit")
-    n_sf=$(awk '/^Nodes searched:/ {print $3}' "$tmp/out")
-    if [ "$n_ours" != "$n_sf" ]; then
-        echo "node counts differ for ${names[$i]}: ours $n_ours, stockfish $n_sf"
-        status=1
-    fi
-    awk -v name="${names[$i]}" -v d="$depth" -v n="$n_ours" -v to="$t_ours" -v bo="$base_ours" \
-        -v ts="$t_sf" -v bs="$base_sf" 'BEGIN {
-            a = n / (to - bo) / 1e6; b = n / (ts - bs) / 1e6;
-            printf "%-9s %5d %11d %15.1f %15.1f %7.2fx\n", name, d, n, a, b, a / b }'
+                n=$(awk '/^Nodes searched:/ {print $3}' "$tmp/out")
+            else
+                t=$(cpu "${engines[$e]}" "position fen $fen
+perft $depth
+quit")
+                n=$(awk '/^Perft results for depth:/ {print $6}' "$tmp/out")
+            fi
+            best[$e,$i]=$(min "$t" "${best[$e,$i]:-}")
+            nodes[$e,$i]=$n
+        done
+    done
 done
-echo "(CPU seconds minus start-up: quorvane $base_ours s, stockfish $base_sf s; best of $runs runs)"
+
+printf '%-40s %-9s %5s %11s %8s %8s\n' engine position depth nodes Mnps ratio
+status=0
+for i in "${!names[@]}"; do
+    for e in "${!engines[@]}"; do
+        if [ "${nodes[$e,$i]}" != "${nodes[0,$i]}" ]; then
+            echo "node counts differ for ${names[$i]}: ${labels[$e]} ${nodes[$e,$i]}, stockfish ${nodes[0,$i]}"
+            status=1
+        fi
+        awk -v label="${labels[$e]}" -v name="${names[$i]}" -v d="${depths[$i]}" -v n="${nodes[$e,$i]}" \
+            -v t="${best[$e,$i]}" -v b="${best[$e,base]}" -v ts="${best[0,$i]}" -v bs="${best[0,base]}" '
+            BEGIN { a = n / (t - b) / 1e6; s = n / (ts - bs) / 1e6;
+                    printf "%-40s %-9s %5d %11d %8.1f %7.2fx\n", label, name, d, n, a, a / s }'
+    done
+done
+echo "(CPU seconds minus start-up, best of $runs runs each; start-up: $(for e in "${!engines[@]}"; do printf '%s %s s; ' "${labels[$e]##*/}" "${best[$e,base]}"; done))"
 exit $status
