@@ -13,7 +13,8 @@ CLANG_FORMAT ?= clang-format
 PGO_BUILD ?= build-pgo
 KIWIPETE = r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1
 
-.PHONY: all build run test bench pgo sanitize asan tsan format clean exe release release-check
+.PHONY: all build run test bench pgo sanitize asan tsan format clean exe release release-check \
+	wasm wasm-check
 
 .PHONY: fuzz fuzz-coverage
 
@@ -47,6 +48,15 @@ release:
 
 release-check:
 	JOBS=$(JOBS) CMAKE_ARGS="$(CMAKE_ARGS)" tools/release.sh check
+
+# dist/web/: the engine compiled to WebAssembly with Debian's emscripten (build-wasm/, one
+# job: its compiles are heavy), for the page's web worker and as a node console;
+# wasm-check runs the console's bench signature and the protocol tests against it.
+wasm:
+	JOBS=1 CMAKE_ARGS="$(CMAKE_ARGS)" tools/wasm.sh build
+
+wasm-check:
+	BUILD=$(BUILD) CMAKE_ARGS="$(CMAKE_ARGS)" tools/wasm.sh check
 
 build:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_ARGS)
@@ -103,4 +113,4 @@ format:
 	$(CLANG_FORMAT) -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(PGO_BUILD) $(EXE_BUILD) build-asan build-tsan build-fuzz build-release dist
+	rm -rf $(BUILD) $(PGO_BUILD) $(EXE_BUILD) build-asan build-tsan build-fuzz build-release build-wasm dist

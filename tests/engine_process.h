@@ -39,6 +39,20 @@ inline std::vector<std::string> engineCommand() {
     return custom && *custom ? words(custom) : std::vector<std::string>{QUORVANE_BINARY};
 }
 
+// The WebAssembly console runs at most QUORVANE_WASM_THREADS search threads (its pool of
+// workers is fixed at start-up); "setoption name Threads" beyond that echoes the value and
+// notes the number it uses. Unset: an engine without a ceiling of its own.
+inline std::vector<std::string> threadsOptionReply(int value) {
+    const char* env = std::getenv("QUORVANE_WASM_THREADS");
+    const int limit = env ? std::atoi(env) : 0;
+    std::vector<std::string> reply = {"info string Number of threads set to : "
+                                      + std::to_string(value)};
+    if (limit > 0 && value > limit)
+        reply.push_back("info string this build runs at most " + std::to_string(limit)
+                        + " threads, using " + std::to_string(limit));
+    return reply;
+}
+
 struct engineOptionsStruct {
     std::vector<std::string> args;  // command-line arguments (command-line mode)
     // Extra environment entries; the ceiling keeps large "Hash" values from taking the machine.

@@ -192,9 +192,7 @@ TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
     readyEngine e;
     for (int threads : {1, 4}) {
         auto reply = e.ask("setoption name Threads value " + std::to_string(threads));
-        EXPECT_EQ(reply.value_or(std::vector<std::string>{}),
-                  std::vector<std::string>{"info string Number of threads set to : "
-                                           + std::to_string(threads)});
+        EXPECT_EQ(reply.value_or(std::vector<std::string>{}), threadsOptionReply(threads));
         e.send("position startpos moves e2e4");
         const int cycles = 200;
         for (int i = 0; i < cycles; i++) {

@@ -21,6 +21,7 @@
 #include "engine/timeman.h"
 #include "engine/workforce.h"
 #include "eval/evaluate.h"
+#include "platform/console.h"
 #include "platform/platform.h"
 #include "search/searchlimits.h"
 #include "search/tt.h"
@@ -39,9 +40,20 @@ int perftDepth = 6;
 // under a lock, flushed at once so that the GUI sees them without delay.
 void writeProtocolText(const std::string& text) {
     std::lock_guard<std::mutex> lock(outputMutex);
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    platform::writeOutput(text);
 }
+
+// The Hash option. The native engine and the node console offer 1 .. 262144 MB from 256
+// (values above 32768 become 262144, and a table too large for memory is cut down with a
+// note); the page's engine starts small and refuses what a wasm32 memory cannot hold.
+struct hashOptionStruct {
+    int defaultMB = 256;
+    int maxMB = 262144;
+    bool refuseAboveMax = false;
+};
+hashOptionStruct hashOption;
+constexpr int BROWSER_HASH_MB = 32;
+constexpr int BROWSER_HASH_MAX_MB = 2048;  // the largest power of two below 4 GB
 
 // Settings that must not change under a running search take effect at the next "go"
 // (or at once when no search runs), so the command loop never blocks on a search.
@@ -263,6 +275,11 @@ void cmdSetOption(tokens& in) {
             numeric(1, 1, v);
             return;
         }
+        if (hashOption.refuseAboveMax && v > hashOption.maxMB) {
+            printLine("info string Hash above " + std::to_string(hashOption.maxMB)
+                      + " MB does not fit in WebAssembly memory, unchanged");
+            return;
+        }
         v = v < 1 ? 1 : v > 32768 ? 262144 : v;
         engine.hashSizeMB = v;
         printLine("info string Size of Hashtable set to : " + std::to_string(v));
@@ -270,9 +287,14 @@ void cmdSetOption(tokens& in) {
     } else if (name == "Threads") {
         if (numeric(1, 256, v)) {
             stopAndWait();
-            engine.nofThreads = v;
-            theWorkForce.setNofWorkers(v);
+            // A build with a fixed pool of threads uses what it has and says so.
+            const int limit = platform::threadLimit(), run = limit > 0 ? std::min(v, limit) : v;
+            engine.nofThreads = run;
+            theWorkForce.setNofWorkers(run);
             printLine("info string Number of threads set to : " + std::to_string(v));
+            if (run != v)
+                printLine("info string this build runs at most " + std::to_string(limit)
+                          + " threads, using " + std::to_string(run));
         }
     } else if (name == "MoveOverhead") {
         if (numeric(1, 60000, v)) {
@@ -373,7 +395,8 @@ void cmdTexel(tokens& in) {
 void cmdUci() {
     printLine(std::string("id name ") + ENGINE_NAME + ENGINE_SUFFIX);
     printLine("id author Ollivark");
-    printLine("option name Hash type spin default 256 min 1 max 262144");
+    printLine("option name Hash type spin default " + std::to_string(hashOption.defaultMB)
+              + " min 1 max " + std::to_string(hashOption.maxMB));
     printLine("option name Threads type spin default 1 min 1 max 256");
     printLine("option name Ponder type check default false");
     printLine("option name MoveOverhead type spin default 100 min 1 max 60000");
@@ -464,7 +487,11 @@ bool executeCommand(const std::string& line) {
     return true;
 }
 
-int uciMain(int argc, char** argv) {
+void uciStart(bool browser) {
+    if (browser) {
+        hashOption = {BROWSER_HASH_MB, BROWSER_HASH_MAX_MB, true};
+        engine.hashSizeMB = BROWSER_HASH_MB;
+    }
     setTextSink(writeProtocolText);
     printLine(std::string(ENGINE_NAME) + ENGINE_SUFFIX);
     printLine("by Ollivark");
@@ -477,7 +504,17 @@ int uciMain(int argc, char** argv) {
     GPSData.bindMoveBuffer(GMS);
     setPosition(fenStartPos, &GPSData);
     theWorkForce.setNofWorkers(engine.nofThreads);
+}
 
+void uciFinish() {
+    // Any search still running ends by itself (after "quit" it has been told to stop).
+    theWorkForce.setNofWorkers(0);
+    freeHashTable();
+    platform::flushOutput();
+}
+
+int uciMain(int argc, char** argv) {
+    uciStart(false);
     std::string argLine;
     for (int i = 1; i < argc; i++)
         argLine += std::string(argv[i]) + " ";
@@ -491,8 +528,6 @@ int uciMain(int argc, char** argv) {
             if (!executeCommand(line))
                 break;
         }
-    // Any search still running ends by itself (after "quit" it has been told to stop).
-    theWorkForce.setNofWorkers(0);
-    freeHashTable();
+    uciFinish();
     return 0;
 }

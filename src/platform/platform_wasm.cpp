@@ -1,0 +1,145 @@
+// The platform layer of the WebAssembly build (emscripten). Files are those of the
+// front-end's file system (the host's under node, an empty one in a browser); a "mapping"
+// is a copy in the module's memory, as wasm has no shared file pages. Output goes to the
+// JavaScript front-end through Module.onText.
+#include <emscripten.h>
+#include <emscripten/threading.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <mutex>
+
+#include "platform/console.h"
+#include "platform/platform.h"
+
+// clang-format off
+EM_JS(void, quorvaneEmitText, (const char* text, int bytes), {
+    Module['onText'](UTF8ToString(text, bytes));
+});
+EM_JS(int, quorvaneThreadPool, (), {
+    return Module['threadPool'] | 0;
+});
+// clang-format on
+
+namespace platform {
+
+namespace {
+
+std::mutex pendingMutex;
+std::string pendingText;  // written by search threads, not yet handed on
+
+std::atomic<int> injectedStatError{0};
+
+void flushFromQueue() { flushOutput(); }
+
+}  // namespace
+
+void writeOutput(const std::string& text) {
+    std::unique_lock<std::mutex> lock(pendingMutex);
+    const bool wasEmpty = pendingText.empty();
+    pendingText += text;
+    lock.unlock();
+    if (emscripten_is_main_runtime_thread())
+        flushOutput();
+    else if (wasEmpty)
+        emscripten_async_run_in_main_runtime_thread(EM_FUNC_SIG_V, flushFromQueue);
+}
+
+void flushOutput() {
+    std::string text;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        text.swap(pendingText);
+    }
+    if (!text.empty())
+        quorvaneEmitText(text.data(), int(text.size()));
+}
+
+int threadLimit() {
+    int pool = quorvaneThreadPool();
+    return pool >= 2 ? pool / 2 : 1;
+}
+
+bool isReadable(const std::string& file) {
+    int fd = ::open(file.c_str(), O_RDONLY);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    return true;
+}
+
+void failNextFileStatus(int code) { injectedStatError = code; }
+
+mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
+                  std::string& systemError) {
+    int fd = ::open(file.c_str(), O_RDONLY);
+    if (fd < 0)
+        return mapStatus::ABSENT;
+    struct stat st {};
+    if (int code = injectedStatError.exchange(0); code || ::fstat(fd, &st) != 0) {
+        systemError = std::strerror(code ? code : errno);
+        ::close(fd);
+        return mapStatus::NO_STATUS;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return mapStatus::ABSENT;
+    }
+    if (uint64_t(st.st_size) < minSize || st.st_size == 0) {
+        ::close(fd);
+        return mapStatus::TOO_SHORT;
+    }
+    size_t size = size_t(st.st_size);
+    auto* data = static_cast<unsigned char*>(std::malloc(size));
+    size_t done = 0;
+    while (data && done < size) {
+        ssize_t n = ::read(fd, data + done, size - done);
+        if (n <= 0)
+            break;
+        done += size_t(n);
+    }
+    ::close(fd);
+    if (!data || done != size) {
+        std::free(data);
+        return mapStatus::FAILED;
+    }
+    out.data = data;
+    out.size = size;
+    return mapStatus::MAPPED;
+}
+
+void unmapFile(fileMapping& mapping) {
+    std::free(const_cast<unsigned char*>(mapping.data));
+    mapping = fileMapping{};
+}
+
+// Memory given back to the allocator is not zero any more: clear it here.
+void* allocateLarge(size_t bytes) {
+    bytes = (bytes + 63) / 64 * 64;
+    void* p = std::aligned_alloc(64, bytes);
+    if (p)
+        std::memset(p, 0, bytes);
+    return p;
+}
+
+void freeLarge(void* block, size_t) { std::free(block); }
+
+bool readInputLine(std::string& line) { return bool(std::getline(std::cin, line)); }
+
+// The whole wasm32 address space, 4 GB: the transposition table gets at most half of it.
+uint64_t physicalMemory() { return uint64_t(4) << 30; }
+
+}  // namespace platform
+
+// Called by the node console before the engine starts: the host's environment
+// (QUORVANE_HASH_LIMIT_MB and the like) as the engine's own.
+extern "C" EMSCRIPTEN_KEEPALIVE void quorvane_setenv(const char* name, const char* value) {
+    ::setenv(name, value, 1);
+}

@@ -1,0 +1,177 @@
+#!/usr/bin/env bash
+# The WebAssembly build of the engine and its checks.
+#
+#   tools/wasm.sh [build]   (make wasm) the engine compiled with Debian's emscripten into
+#                           dist/web/: the page's engine (quorvane-web.*) and its worker
+#                           (quorvane-worker.js), the node console (quorvane-cli.mjs and
+#                           quorvane-node.*), and SHA256SUMS
+#   tools/wasm.sh check     (make wasm-check) the node console: the bench signature, and the
+#                           test suite's protocol tests driving it in place of the native
+#                           binary (the native test binary of BUILD, default build/)
+#   tools/wasm.sh speed     bench nodes/s of the node console against the native engine of
+#                           BUILD, best of RUNS (3) interleaved runs, and the same with 2
+#                           threads on searches of a fixed time; the size of each file
+#
+# emscripten is installed with apt-get when this runs as root; otherwise the apt-get line is
+# printed. Debian's emscripten finds its acorn only through NODE_PATH=/usr/share/nodejs.
+# Environment: JOBS (default 1: emscripten compiles are heavy), CMAKE_ARGS, BUILD,
+# WASM_BUILD (default build-wasm/), DIST (default dist/web/), QUORVANE_WASM_THREADS (the
+# console's most search threads; the checks use 4).
+set -euo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+dist=${DIST:-$repo/dist/web}
+wasm_build=${WASM_BUILD:-$repo/build-wasm}
+native_build=$repo/${BUILD:-build}
+jobs=${JOBS:-1}
+read -r -a extra <<<"${CMAKE_ARGS:-}"
+export NODE_PATH=${NODE_PATH:-/usr/share/nodejs}
+
+# require PACKAGE:COMMAND...: installs the packages whose command is missing, as root;
+# otherwise says how and fails.
+require() {
+    local pair missing=()
+    for pair in "$@"; do
+        command -v "${pair#*:}" >/dev/null 2>&1 || missing+=("${pair%%:*}")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "missing: ${missing[*]}; install with: apt-get install ${missing[*]}" >&2
+        exit 1
+    fi
+    echo "installing ${missing[*]}"
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+build() {
+    require emscripten:emcc nodejs:node
+    emcmake cmake -S "$repo" -B "$wasm_build" -DCMAKE_BUILD_TYPE=Release -DQUORVANE_ARCH= \
+        -DQUORVANE_TESTS=OFF -DQUORVANE_BENCH=OFF -DQUORVANE_TUNER=OFF "${extra[@]}" >/dev/null
+    cmake --build "$wasm_build" -j"$jobs" --target quorvane_web quorvane_node
+    rm -rf "$dist"
+    mkdir -p "$dist"
+    local name ext
+    for name in quorvane-web quorvane-node; do
+        for ext in js wasm worker.js; do
+            cp "$wasm_build/$name.$ext" "$dist/"
+        done
+    done
+    cp "$repo/web/quorvane-cli.mjs" "$repo/web/quorvane-worker.js" "$dist/"
+    (cd "$dist" && find . -type f ! -name SHA256SUMS | sed 's|^\./||' | sort |
+        xargs sha256sum >SHA256SUMS)
+    echo "=== $dist"
+    ls -l "$dist"
+}
+
+# ------------------------------------------------------------------------------------------
+# Checks
+
+passed=0
+failed=0
+result() {  # result NAME STATUS [DETAIL]
+    if [ "$2" -eq 0 ]; then
+        passed=$((passed + 1))
+        echo "ok      $1${3:+: $3}"
+    else
+        failed=$((failed + 1))
+        echo "FAILED  $1${3:+: $3}"
+    fi
+}
+
+console=(node "$dist/quorvane-cli.mjs")
+
+check() {
+    require nodejs:node
+    [ -f "$dist/quorvane-cli.mjs" ] || { echo "no $dist/quorvane-cli.mjs (make wasm)" >&2; exit 1; }
+    export QUORVANE_WASM_THREADS=${QUORVANE_WASM_THREADS:-4}
+    local out nodes nps expected tests log rc
+
+    rc=0
+    (cd "$dist" && sha256sum --quiet -c SHA256SUMS) || rc=1
+    result "SHA256SUMS" $rc
+
+    expected=$(cat "$repo/tools/bench_signature.txt")
+    out=$("${console[@]}" bench 2>&1) || true
+    nodes=$(sed -n 's/^Nodes searched: //p' <<<"$out")
+    nps=$(sed -n 's/^Nodes\/second: //p' <<<"$out")
+    rc=0
+    [ "$nodes" = "$expected" ] || rc=1
+    result "bench signature" $rc "$nodes nodes, $nps nodes/s"
+
+    # The suites of the native tests that drive the engine binary, driving the console.
+    [ -x "$native_build/quorvane_tests" ] ||
+        make -C "$repo" build BUILD="${BUILD:-build}" CMAKE_ARGS="${CMAKE_ARGS:-}" >/dev/null
+    tests="UciTranscript.*:UciFuzz.*:EngineSearch.*:SearchThreads.*:EngineClock.*:EngineTablebases.*"
+    log=$(mktemp "${TMPDIR:-/tmp}/quorvane-wasm-check.XXXXXX")
+    rc=0
+    QUORVANE_ENGINE="${console[*]}" "$native_build/quorvane_tests" --gtest_filter="$tests" \
+        --gtest_brief=1 >"$log" 2>&1 || rc=1
+    result "protocol tests ($tests)" $rc "$(grep -E '^\[  (PASSED|FAILED) ' "$log" | head -1)"
+    grep -E '^\[  FAILED  \]|Failure' "$log" | head -20 || true
+    rm -f "$log"
+
+    echo "wasm-check: $passed passed, $failed failed"
+    [ "$failed" -eq 0 ]
+}
+
+# bench_nps COMMAND...: the nodes/s of one bench run.
+bench_nps() { "$@" bench 2>&1 | sed -n 's/^Nodes\/second: //p'; }
+
+# threaded_nps COMMAND...: nodes/s of 2 threads over three 5-second searches (nodes and
+# time of each search's last info line, added up).
+threaded_nps() {
+    local fen line nodes=0 ms=0 n t
+    coproc ENGINE { "$@" 2>&1; }
+    printf 'setoption name Threads value 2\nsetoption name Hash value 64\n' >&"${ENGINE[1]}"
+    for fen in "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1" \
+        "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1" \
+        "r1bq1rk1/pp2bppp/2n1pn2/2pp4/3P4/2PBPN2/PP1N1PPP/R1BQ1RK1 w - - 2 8"; do
+        printf 'ucinewgame\nposition fen %s\ngo movetime 5000\n' "$fen" >&"${ENGINE[1]}"
+        n=0 t=0
+        while IFS= read -r -t 60 line <&"${ENGINE[0]}"; do
+            [[ $line == bestmove* ]] && break
+            [[ $line == *" nodes "*" time "* ]] || continue
+            n=$(sed -E 's/.* nodes ([0-9]+).*/\1/' <<<"$line")
+            t=$(sed -E 's/.* time ([0-9]+).*/\1/' <<<"$line")
+        done
+        nodes=$((nodes + n)) ms=$((ms + t))
+    done
+    echo quit >&"${ENGINE[1]}"
+    wait "$ENGINE_PID" 2>/dev/null || true
+    echo $((ms > 0 ? nodes * 1000 / ms : 0))
+}
+
+speed() {
+    require nodejs:node
+    local runs=${RUNS:-3} r nps native=$native_build/quorvane
+    local -A best=()
+    [ -x "$native" ] || make -C "$repo" build BUILD="${BUILD:-build}" >/dev/null
+    for ((r = 0; r < runs; r++)); do
+        nps=$(bench_nps "$native")
+        [ "${best[native1]:-0}" -ge "$nps" ] || best[native1]=$nps
+        nps=$(bench_nps "${console[@]}")
+        [ "${best[wasm1]:-0}" -ge "$nps" ] || best[wasm1]=$nps
+    done
+    for ((r = 0; r < runs; r++)); do
+        nps=$(threaded_nps "$native")
+        [ "${best[native2]:-0}" -ge "$nps" ] || best[native2]=$nps
+        nps=$(threaded_nps "${console[@]}")
+        [ "${best[wasm2]:-0}" -ge "$nps" ] || best[wasm2]=$nps
+    done
+    printf '%-44s %12s %12s %s\n' "" native wasm "wasm / native"
+    awk -v n="${best[native1]}" -v w="${best[wasm1]}" \
+        'BEGIN{printf "%-44s %12d %12d %.3f\n", "bench, 1 thread (nodes/s)", n, w, w / n}'
+    awk -v n="${best[native2]}" -v w="${best[wasm2]}" \
+        'BEGIN{printf "%-44s %12d %12d %.3f\n", "3 x go movetime 5000, 2 threads (nodes/s)", n, w, w / n}'
+    echo "(best of $runs interleaved runs; native: $native)"
+    echo "=== $dist"
+    (cd "$dist" && stat -c '%8s  %n' $(ls))
+}
+
+case ${1:-build} in
+build) build ;;
+check) check ;;
+speed) speed ;;
+*) echo "usage: $0 [build|check|speed]" >&2; exit 2 ;;
+esac
