@@ -2,9 +2,10 @@
 # The WebAssembly build of the engine and its checks.
 #
 #   tools/wasm.sh [build]   (make wasm) the engine compiled with Debian's emscripten into
-#                           dist/web/: the page's engine (quorvane-web.*) and its worker
-#                           (quorvane-worker.js), the node console (quorvane-cli.mjs and
-#                           quorvane-node.*), and SHA256SUMS
+#                           dist/web/: the page (index.html, app.js bundled from web/ and
+#                           its npm packages, assets/), its engine (quorvane-web.*) and the
+#                           worker that runs it (quorvane-worker.js), the node console
+#                           (quorvane-cli.mjs and quorvane-node.*), and SHA256SUMS
 #   tools/wasm.sh check     (make wasm-check) the node console: the bench signature, and the
 #                           test suite's protocol tests driving it in place of the native
 #                           binary (the native test binary of BUILD, default build/)
@@ -45,7 +46,7 @@ require() {
 }
 
 build() {
-    require emscripten:emcc nodejs:node
+    require emscripten:emcc nodejs:node npm:npm
     emcmake cmake -S "$repo" -B "$wasm_build" -DCMAKE_BUILD_TYPE=Release -DQUORVANE_ARCH= \
         -DQUORVANE_TESTS=OFF -DQUORVANE_BENCH=OFF -DQUORVANE_TUNER=OFF "${extra[@]}" >/dev/null
     cmake --build "$wasm_build" -j"$jobs" --target quorvane_web quorvane_node
@@ -58,6 +59,10 @@ build() {
         done
     done
     cp "$repo/web/quorvane-cli.mjs" "$repo/web/quorvane-worker.js" "$dist/"
+    # The page: its npm packages as the lockfile has them, bundled by esbuild.
+    [ "$repo/web/node_modules/.package-lock.json" -nt "$repo/web/package-lock.json" ] ||
+        (cd "$repo/web" && npm ci --no-audit --no-fund --loglevel=error)
+    node "$repo/web/build.mjs" "$dist"
     (cd "$dist" && find . -type f ! -name SHA256SUMS | sed 's|^\./||' | sort |
         xargs sha256sum >SHA256SUMS)
     echo "=== $dist"

@@ -41,6 +41,8 @@ const threads = Math.max(1, Math.min(navigator.hardwareConcurrency || 1, 16));
 createQuorvane({
     // One worker per search thread and one for each helper that clears the table.
     threadPool: 2 * threads,
+    // The script each thread's worker loads (a worker has no script element to find it by).
+    mainScriptUrlOrBlob: new URL('quorvane-web.js', self.location.href).href,
     onText: emit,
 }).then((module) => {
     engine = module;
