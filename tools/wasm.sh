@@ -8,13 +8,15 @@
 #                           (quorvane-cli.mjs and quorvane-node.*), and SHA256SUMS
 #   tools/wasm.sh check     (make wasm-check) the node console: the bench signature, and the
 #                           test suite's protocol tests driving it in place of the native
-#                           binary (the native test binary of BUILD, default build/)
+#                           binary (the native test binary of BUILD, default build/); then
+#                           the page in Debian's Chromium (web/tests, installs chromium)
 #   tools/wasm.sh speed     bench nodes/s of the node console against the native engine of
 #                           BUILD, best of RUNS (3) interleaved runs, and the same with 2
 #                           threads on searches of a fixed time; the size of each file
 #
-# emscripten is installed with apt-get when this runs as root; otherwise the apt-get line is
-# printed. Debian's emscripten finds its acorn only through NODE_PATH=/usr/share/nodejs.
+# emscripten, npm and chromium are installed with apt-get when this runs as root; otherwise
+# the apt-get line is printed. Debian's emscripten finds its acorn only through
+# NODE_PATH=/usr/share/nodejs.
 # Environment: JOBS (default 1: emscripten compiles are heavy), CMAKE_ARGS, BUILD,
 # WASM_BUILD (default build-wasm/), DIST (default dist/web/), QUORVANE_WASM_THREADS (the
 # console's most search threads; the checks use 4).
@@ -114,6 +116,15 @@ check() {
         --gtest_brief=1 >"$log" 2>&1 || rc=1
     result "protocol tests ($tests)" $rc "$(grep -E '^\[  (PASSED|FAILED) ' "$log" | head -1)"
     grep -E '^\[  FAILED  \]|Failure' "$log" | head -20 || true
+
+    # The page in Debian's Chromium, driven by puppeteer-core (web/tests).
+    require chromium:chromium npm:npm
+    [ -d "$repo/web/node_modules" ] || (cd "$repo/web" && npm ci --no-audit --no-fund --loglevel=error)
+    rc=0
+    (cd "$repo/web" && DIST="$dist" node --test tests/) >"$log" 2>&1 || rc=1
+    result "Chromium suite (web/tests)" $rc \
+        "$(sed -n 's/^# \(pass\|fail\) \([0-9]*\)$/\2 \1/p' "$log" | paste -sd ' ')"
+    sed -n 's/^# \\# //p; /^not ok/p' "$log"
     rm -f "$log"
 
     echo "wasm-check: $passed passed, $failed failed"

@@ -1,0 +1,156 @@
+// The page in Debian's Chromium (headless), driven by puppeteer-core, served from dist/web
+// with cross-origin isolation on 127.0.0.1. It plays moves through the board's own pointer
+// events and checks every engine answer against chess.js; it runs analysis, opens a
+// ?fen=&movetime= link, and checks that a bad FEN is refused.
+//
+//   node --test web/tests/      (after make wasm; CHROMIUM, DIST and SCREENSHOT override
+//                                the browser, the folder served and the screenshot's path)
+import assert from 'node:assert/strict';
+import { mkdtempSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { dirname, join } from 'node:path';
+import { after, before, test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+
+import { Chess } from 'chess.js';
+import puppeteer from 'puppeteer-core';
+
+import { serve } from '../serve.mjs';
+
+const here = dirname(fileURLToPath(import.meta.url));
+const dist = process.env.DIST || join(here, '..', '..', 'dist', 'web');
+const screenshot = process.env.SCREENSHOT || join(tmpdir(), 'quorvane-page.png');
+const ITALIAN = 'r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq - 2 3';
+
+let server, browser, profile, base;
+
+before(async () => {
+    server = await serve(dist);
+    base = `http://127.0.0.1:${server.address().port}/`;
+    profile = mkdtempSync(join(tmpdir(), 'quorvane-chromium-'));
+    browser = await puppeteer.launch({
+        executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
+        headless: true,
+        userDataDir: profile,
+        args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+               '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    });
+});
+
+after(async () => {
+    await browser?.close();
+    server?.close();
+    if (profile)
+        rmSync(profile, { recursive: true, force: true });
+});
+
+// A page at `query`, with its errors collected; resolves once the engine said readyok.
+async function openPage(query = '') {
+    const page = await browser.newPage();
+    page.errors = [];
+    page.on('pageerror', (error) => page.errors.push(error.message));
+    await page.setViewport({ width: 1100, height: 800 });
+    await page.goto(base + query);
+    await page.waitForSelector('body[data-engine=ready]', { timeout: 30000 });
+    return page;
+}
+
+const text = (page, selector) => page.$eval(selector, (el) => el.textContent);
+
+// Clicks a square of the board, then another: the board's own move input.
+async function clickMove(page, from, to) {
+    for (const square of [from, to]) {
+        const box = await (await page.$(`rect[data-square="${square}"]`)).boundingBox();
+        await page.mouse.click(box.x + box.width / 2, box.y + box.height / 2);
+    }
+}
+
+// The pieces on the board as "square:piece" words, sorted.
+const boardPieces = (page) => page.$$eval('g[data-square][data-piece]', (groups) =>
+    groups.map((g) => g.dataset.square + ':' + g.dataset.piece).sort().join(' '));
+
+test('the engine starts in the cross-origin-isolated page', async () => {
+    const page = await openPage();
+    const status = await text(page, '#engine-status');
+    const ms = status.match(/in (\d+) ms/);
+    assert.ok(ms, status);
+    console.log(`# page load to readyok: ${ms[1]} ms (${status})`);
+    assert.deepEqual(page.errors, []);
+    await page.close();
+});
+
+test('a game through the board: every engine answer is a legal move', async () => {
+    const page = await openPage();
+    await page.select('#clock-choice', '180+2');
+    await page.click('#new-game');
+    const game = new Chess();
+    for (const [from, to] of [['e2', 'e4'], ['g1', 'f3'], ['f1', 'c4'], ['b1', 'c3']]) {
+        if (!game.moves({ square: from, verbose: true }).some((m) => m.to === to))
+            break;  // the engine's replies made this move illegal: the game so far is enough
+        game.move({ from, to });
+        const before = await text(page, '#bestmove');
+        await clickMove(page, from, to);
+        await page.waitForFunction((b) => document.getElementById('bestmove').textContent !== b
+                                   && document.getElementById('bestmove').textContent !== '',
+                                   { timeout: 30000 }, before);
+        const reply = (await text(page, '#bestmove')).split(' ')[1];
+        assert.doesNotThrow(() => game.move({ from: reply.slice(0, 2), to: reply.slice(2, 4),
+                                              promotion: reply[4] }),
+                            `illegal answer ${reply} in ${game.fen()}`);
+        assert.equal(await page.$eval('#fen', (el) => el.value), game.fen());
+    }
+    assert.match(await text(page, '#clock-bottom'), /^White \d+:\d\d$/);
+    // Take-back returns to the position before the last own move.
+    await page.click('#take-back');
+    game.undo();
+    game.undo();
+    assert.equal(await page.$eval('#fen', (el) => el.value), game.fen());
+    assert.deepEqual(page.errors, []);
+    await page.close();
+});
+
+test('analysis shows search lines until stopped', async () => {
+    const page = await openPage();
+    await page.click('#analyse');
+    await page.waitForFunction(() => document.getElementById('pv').textContent !== '',
+                               { timeout: 30000 });
+    const lines = (await text(page, '#analysis')).trim().split('\n');
+    assert.match(lines[0], /^info score (cp|mate) -?\d+ depth \d+ seldepth \d+ nodes \d+ nps \d+/);
+    assert.match(await text(page, '#score'), /^[+-]?\d+\.\d\d$|^#-?\d+$/);
+    await page.click('#stop');
+    await page.waitForFunction(() => document.getElementById('bestmove').textContent
+                                   .startsWith('bestmove'), { timeout: 30000 });
+    const best = (await text(page, '#bestmove')).split(' ')[1];
+    assert.ok(new Chess().moves({ verbose: true }).some((m) => m.lan === best), best);
+    await page.screenshot({ path: screenshot });
+    console.log(`# screenshot: ${screenshot}`);
+    await page.close();
+});
+
+test('a ?fen=&movetime=500 link searches that position', async () => {
+    const page = await openPage('?fen=' + encodeURIComponent(ITALIAN) + '&movetime=500');
+    await page.waitForFunction(() => document.getElementById('bestmove').textContent
+                                   .startsWith('bestmove'), { timeout: 30000 });
+    const best = (await text(page, '#bestmove')).split(' ')[1];
+    assert.ok(new Chess(ITALIAN).moves({ verbose: true }).some((m) => m.lan === best), best);
+    assert.notEqual(await text(page, '#analysis'), '');
+    await page.close();
+});
+
+test('a bad FEN or PGN is refused with a message and the position stays', async () => {
+    const page = await openPage('?fen=' + encodeURIComponent(ITALIAN));
+    const pieces = await boardPieces(page);
+    for (const [field, button, value] of [
+        ['#fen', '#set-fen', 'rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP w KQkq - 0 1'],
+        ['#fen', '#set-fen', '8/8/8/8/8/8/8/8 w - - 0 1'],
+        ['#pgn', '#load-pgn', '1. e4 e5 2. Ke3 Nc6'],
+    ]) {
+        await page.$eval(field, (el, v) => { el.value = v; }, value);
+        await page.click(button);
+        assert.equal(await page.$eval('#message', (el) => el.hidden), false, value);
+        assert.match(await text(page, '#message'), /refused/, value);
+        assert.equal(await boardPieces(page), pieces, value);
+    }
+    assert.deepEqual(page.errors, []);
+    await page.close();
+});
