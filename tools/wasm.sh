@@ -182,7 +182,7 @@ speed() {
         'BEGIN{printf "%-44s %12d %12d %.3f\n", "3 x go movetime 5000, 2 threads (nodes/s)", n, w, w / n}'
     echo "(best of $runs interleaved runs; native: $native)"
     echo "=== $dist"
-    (cd "$dist" && stat -c '%8s  %n' $(ls))
+    (cd "$dist" && find . -type f | sed 's|^\./||' | sort | xargs stat -c '%8s  %n')
 }
 
 case ${1:-build} in

@@ -347,6 +347,7 @@ function toAnalysis() {
         mode = 'analyse';
         over = null;
         $('result').textContent = '';
+        showClocks();
     }
 }
 
