@@ -57,10 +57,19 @@ async function openPage(query = '') {
 
 const text = (page, selector) => page.$eval(selector, (el) => el.textContent);
 
-// Clicks a square of the board, then another: the board's own move input.
+// Clicks a square of the board, then another: the board's own move input. The board redraws
+// its squares when it turns (a new game as Black), so each is looked up when it is shown.
 async function clickMove(page, from, to) {
     for (const square of [from, to]) {
-        const box = await (await page.$(`rect[data-square="${square}"]`)).boundingBox();
+        let box = null;
+        for (let tries = 0; !box && tries < 50; tries++) {
+            const rect = await page.waitForSelector(`rect[data-square="${square}"]`,
+                                                    { visible: true, timeout: 10000 });
+            box = await rect.boundingBox();
+            if (!box)
+                await new Promise((done) => setTimeout(done, 100));
+        }
+        assert.ok(box, `square ${square} not on the page`);
         await page.mouse.click(box.x + box.width / 2, box.y + box.height / 2);
     }
 }
