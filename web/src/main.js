@@ -51,6 +51,7 @@ const engine = {
         search.discard = 0;
         showMessage('The engine stopped (' + why + '); a new one is starting.');
         setStatus('restarting the engine…');
+        document.body.dataset.engine = 'restarting';
         this.start();
     },
 
@@ -90,12 +91,14 @@ function cancelSearch() {
 
 function onEngineLine(text) {
     if (text === 'readyok' && !engine.ready) {
+        const restarted = engine.readyMs !== null;
         engine.ready = true;
         engine.readyMs = Math.round(performance.now() - pageStart);
         setStatus('engine ready (' + engine.threads + (engine.threads > 1 ? ' threads' : ' thread')
                   + ', cross-origin isolated build) in ' + engine.readyMs + ' ms');
         document.body.dataset.engine = 'ready';
-        afterEngineReady();
+        if (!restarted)
+            afterEngineReady();
         return;
     }
     if (text.startsWith('bestmove')) {

@@ -1,7 +1,7 @@
 // The page in Debian's Chromium (headless), driven by puppeteer-core, served from dist/web
 // with cross-origin isolation on 127.0.0.1. It plays moves through the board's own pointer
 // events and checks every engine answer against chess.js; it runs analysis, opens a
-// ?fen=&movetime= link, and checks that a bad FEN is refused.
+// ?fen=&movetime= link, checks that a bad FEN is refused and that a dead worker is replaced.
 //
 //   node --test web/tests/      (after make wasm; CHROMIUM, DIST and SCREENSHOT override
 //                                the browser, the folder served and the screenshot's path)
@@ -161,5 +161,24 @@ test('a bad FEN or PGN is refused with a message and the position stays', async 
         assert.equal(await boardPieces(page), pieces, value);
     }
     assert.deepEqual(page.errors, []);
+    await page.close();
+});
+
+test('a worker that dies is reported and a new engine analyses', async () => {
+    const page = await openPage();
+    const worker = page.workers().find((w) => w.url().endsWith('/quorvane-worker.js'));
+    assert.ok(worker, page.workers().map((w) => w.url()).join(' '));
+    await worker.evaluate(() => {
+        setTimeout(() => {
+            throw new Error('engine crash for the test');
+        }, 0);
+    });
+    await page.waitForFunction(() => !document.getElementById('message').hidden,
+                               { timeout: 10000 });
+    assert.match(await text(page, '#message'), /engine stopped .*engine crash for the test/);
+    await page.waitForSelector('body[data-engine=ready]', { timeout: 30000 });
+    await page.click('#analyse');
+    await page.waitForFunction(() => document.getElementById('pv').textContent !== '',
+                               { timeout: 30000 });
     await page.close();
 });
