@@ -3,8 +3,10 @@
 #
 #   tools/wasm.sh [build]   (make wasm) the engine compiled with Debian's emscripten into
 #                           dist/web/: the page (index.html, app.js bundled from web/ and
-#                           its npm packages, assets/), its engine (quorvane-web.*) and the
-#                           worker that runs it (quorvane-worker.js), the node console
+#                           its npm packages, assets/), its engine (quorvane-web.*, and
+#                           quorvane-web-st.* without threads for pages that are not
+#                           cross-origin isolated) and the worker that runs it
+#                           (quorvane-worker.js), the node console
 #                           (quorvane-cli.mjs and quorvane-node.*), and SHA256SUMS
 #   tools/wasm.sh check     (make wasm-check) the node console: the bench signature, and the
 #                           test suite's protocol tests driving it in place of the native
@@ -51,7 +53,7 @@ build() {
     require emscripten:emcc nodejs:node npm:npm
     emcmake cmake -S "$repo" -B "$wasm_build" -DCMAKE_BUILD_TYPE=Release -DQUORVANE_ARCH= \
         -DQUORVANE_TESTS=OFF -DQUORVANE_BENCH=OFF -DQUORVANE_TUNER=OFF "${extra[@]}" >/dev/null
-    cmake --build "$wasm_build" -j"$jobs" --target quorvane_web quorvane_node
+    cmake --build "$wasm_build" -j"$jobs" --target quorvane_web quorvane_web_st quorvane_node
     rm -rf "$dist"
     mkdir -p "$dist"
     local name ext
@@ -60,6 +62,7 @@ build() {
             cp "$wasm_build/$name.$ext" "$dist/"
         done
     done
+    cp "$wasm_build/quorvane-web-st.js" "$wasm_build/quorvane-web-st.wasm" "$dist/"
     cp "$repo/web/quorvane-cli.mjs" "$repo/web/quorvane-worker.js" "$dist/"
     # The page: its npm packages as the lockfile has them, bundled by esbuild.
     [ "$repo/web/node_modules/.package-lock.json" -nt "$repo/web/package-lock.json" ] ||

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "engine/engine.h"
+#include "platform/console.h"
 #include "search/tt.h"
 #include "tablebase/tbprobe.h"
 
@@ -11,6 +12,10 @@ workForce theWorkForce;
 worker::worker(int idx) : index(idx) {
     tables.clearAll();
     tables.bind(&pos);
+    if constexpr (!platform::HAS_THREADS) {
+        busy = false;  // no thread: wake() searches on the caller's
+        return;
+    }
     thread = std::thread(&worker::atTheOffice, this);
     // Wait until the new thread has parked.
     std::unique_lock<std::mutex> lock(mutex);
@@ -24,7 +29,8 @@ worker::~worker() {
         busy = true;
     }
     cv.notify_one();
-    thread.join();
+    if constexpr (platform::HAS_THREADS)
+        thread.join();
 }
 
 void worker::atTheOffice() {
@@ -41,6 +47,12 @@ void worker::atTheOffice() {
 }
 
 void worker::wake() {
+    if constexpr (!platform::HAS_THREADS) {
+        busy = true;
+        searchRoot();
+        busy = false;
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(mutex);
         busy = true;

@@ -37,19 +37,21 @@ std::string pendingText;  // written by search threads, not yet handed on
 
 std::atomic<int> injectedStatError{0};
 
-void flushFromQueue() { flushOutput(); }
+[[maybe_unused]] void flushFromQueue() { flushOutput(); }
 
 }  // namespace
 
 void writeOutput(const std::string& text) {
     std::unique_lock<std::mutex> lock(pendingMutex);
-    const bool wasEmpty = pendingText.empty();
+    [[maybe_unused]] const bool wasEmpty = pendingText.empty();
     pendingText += text;
     lock.unlock();
     if (emscripten_is_main_runtime_thread())
         flushOutput();
+#ifdef __EMSCRIPTEN_PTHREADS__
     else if (wasEmpty)
         emscripten_async_run_in_main_runtime_thread(EM_FUNC_SIG_V, flushFromQueue);
+#endif
 }
 
 void flushOutput() {
@@ -63,7 +65,7 @@ void flushOutput() {
 }
 
 int threadLimit() {
-    int pool = quorvaneThreadPool();
+    int pool = HAS_THREADS ? quorvaneThreadPool() : 0;
     return pool >= 2 ? pool / 2 : 1;
 }
 

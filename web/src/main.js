@@ -22,6 +22,7 @@ const engine = {
     worker: null,
     ready: false,
     threads: 1,
+    threaded: true,
     readyMs: null,
 
     start() {
@@ -33,6 +34,7 @@ const engine = {
                 onEngineLine(data.line);
             else if (data.ready) {
                 this.threads = data.threads;
+                this.threaded = data.threaded;
                 this.send('uci');
                 this.send('setoption name Threads value ' + this.threads);
                 this.send('isready');
@@ -94,8 +96,9 @@ function onEngineLine(text) {
         const restarted = engine.readyMs !== null;
         engine.ready = true;
         engine.readyMs = Math.round(performance.now() - pageStart);
-        setStatus('engine ready (' + engine.threads + (engine.threads > 1 ? ' threads' : ' thread')
-                  + ', cross-origin isolated build) in ' + engine.readyMs + ' ms');
+        setStatus('engine ready in ' + engine.readyMs + ' ms: ' + (engine.threaded
+            ? 'threaded build, ' + engine.threads + (engine.threads > 1 ? ' threads' : ' thread')
+            : 'single-threaded build (the page is not cross-origin isolated)'));
         document.body.dataset.engine = 'ready';
         if (!restarted)
             afterEngineReady();
@@ -111,6 +114,8 @@ function onEngineLine(text) {
         search.current = null;
         if (done && done.kind === 'play')
             engineMoved(text.split(' ')[1], done);
+        else if (done && done.kind === 'analyse' && analysing && !engine.threaded)
+            analyse();  // the next second of a single-threaded analysis
         return;
     }
     if (text.startsWith('info') && search.current && search.discard === 0) {
@@ -332,9 +337,11 @@ function canMoveNow() {
 
 let analysing = false;
 
+// Infinite analysis; the single-threaded engine cannot be stopped in a search, so there it
+// is a chain of one-second searches (the table keeps what the earlier ones found).
 function analyse() {
     analysing = true;
-    startSearch('analyse', 'infinite');
+    startSearch('analyse', engine.threaded ? 'infinite' : 'movetime 1000');
 }
 
 function stopAnalysis() {
@@ -513,13 +520,7 @@ function afterEngineReady() {
         startSearch('analyse', 'movetime ' + Math.round(movetime));
 }
 
-if (!self.crossOriginIsolated) {
-    // Shared memory (and so the threaded engine) needs a cross-origin-isolated page.
-    setStatus('no engine: this page must be served with cross-origin isolation '
-              + '(Cross-Origin-Opener-Policy: same-origin, Cross-Origin-Embedder-Policy: '
-              + 'require-corp)');
-} else
-    engine.start();
+engine.start();
 
 if (params.has('fen'))
     setFen(params.get('fen'));

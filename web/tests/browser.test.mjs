@@ -1,7 +1,8 @@
 // The page in Debian's Chromium (headless), driven by puppeteer-core, served from dist/web
 // with cross-origin isolation on 127.0.0.1. It plays moves through the board's own pointer
 // events and checks every engine answer against chess.js; it runs analysis, opens a
-// ?fen=&movetime= link, checks that a bad FEN is refused and that a dead worker is replaced.
+// ?fen=&movetime= link, checks that a bad FEN is refused and that a dead worker is replaced;
+// served without isolation, the page runs the single-threaded engine.
 //
 //   node --test web/tests/      (after make wasm; CHROMIUM, DIST and SCREENSHOT override
 //                                the browser, the folder served and the screenshot's path)
@@ -22,11 +23,13 @@ const dist = process.env.DIST || join(here, '..', '..', 'dist', 'web');
 const screenshot = process.env.SCREENSHOT || join(tmpdir(), 'quorvane-page.png');
 const ITALIAN = 'r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq - 2 3';
 
-let server, browser, profile, base;
+let server, plainServer, browser, profile, base, plainBase;
 
 before(async () => {
     server = await serve(dist);
     base = `http://127.0.0.1:${server.address().port}/`;
+    plainServer = await serve(dist, 0, { isolated: false });
+    plainBase = `http://127.0.0.1:${plainServer.address().port}/`;
     profile = mkdtempSync(join(tmpdir(), 'quorvane-chromium-'));
     browser = await puppeteer.launch({
         executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
@@ -40,17 +43,18 @@ before(async () => {
 after(async () => {
     await browser?.close();
     server?.close();
+    plainServer?.close();
     if (profile)
         rmSync(profile, { recursive: true, force: true });
 });
 
 // A page at `query`, with its errors collected; resolves once the engine said readyok.
-async function openPage(query = '') {
+async function openPage(query = '', origin = base) {
     const page = await browser.newPage();
     page.errors = [];
     page.on('pageerror', (error) => page.errors.push(error.message));
     await page.setViewport({ width: 1100, height: 800 });
-    await page.goto(base + query);
+    await page.goto(origin + query);
     await page.waitForSelector('body[data-engine=ready]', { timeout: 30000 });
     return page;
 }
@@ -81,7 +85,7 @@ const boardPieces = (page) => page.$$eval('g[data-square][data-piece]', (groups)
 test('the engine starts in the cross-origin-isolated page', async () => {
     const page = await openPage();
     const status = await text(page, '#engine-status');
-    const ms = status.match(/in (\d+) ms/);
+    const ms = status.match(/in (\d+) ms: threaded build, \d+ threads?$/);
     assert.ok(ms, status);
     console.log(`# page load to readyok: ${ms[1]} ms (${status})`);
     assert.deepEqual(page.errors, []);
@@ -180,5 +184,31 @@ test('a worker that dies is reported and a new engine analyses', async () => {
     await page.click('#analyse');
     await page.waitForFunction(() => document.getElementById('pv').textContent !== '',
                                { timeout: 30000 });
+    await page.close();
+});
+
+test('without cross-origin isolation the single-threaded engine plays and searches', async () => {
+    const page = await openPage('?fen=' + encodeURIComponent(ITALIAN) + '&movetime=500', plainBase);
+    assert.match(await text(page, '#engine-status'), /single-threaded build/);
+    await page.waitForFunction(() => document.getElementById('bestmove').textContent
+                                   .startsWith('bestmove'), { timeout: 30000 });
+    const best = (await text(page, '#bestmove')).split(' ')[1];
+    assert.ok(new Chess(ITALIAN).moves({ verbose: true }).some((m) => m.lan === best), best);
+    // Analysis runs as a chain of short searches, and stops.
+    await page.click('#analyse');
+    await page.waitForFunction(() => document.getElementById('pv').textContent !== '',
+                               { timeout: 30000 });
+    await page.click('#stop');
+    // A game: the engine answers a move.
+    await page.click('#new-game');
+    await clickMove(page, 'd2', 'd4');
+    await page.waitForFunction(() => document.getElementById('moves').textContent.includes('d4 '),
+                               { timeout: 30000 });
+    const game = new Chess();
+    game.move('d4');
+    const reply = (await text(page, '#bestmove')).split(' ')[1];
+    assert.doesNotThrow(() => game.move({ from: reply.slice(0, 2), to: reply.slice(2, 4) }), reply);
+    assert.equal(await page.$eval('#fen', (el) => el.value), game.fen());
+    assert.deepEqual(page.errors, []);
     await page.close();
 });
