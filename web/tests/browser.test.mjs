@@ -212,3 +212,39 @@ test('without cross-origin isolation the single-threaded engine plays and search
     assert.deepEqual(page.errors, []);
     await page.close();
 });
+
+// The worker's command loop on its own, as a page script talks to it: command lines in,
+// every output line back, with the browser's Hash range and the pool's thread ceiling.
+test('the worker answers command lines with the browser settings', async () => {
+    const page = await openPage();
+    const lines = await page.evaluate(() => new Promise((done, fail) => {
+        const worker = new Worker('quorvane-worker.js');
+        const seen = [];
+        worker.onerror = (event) => fail(new Error(event.message));
+        worker.onmessage = (event) => {
+            if (event.data.ready)
+                for (const line of ['uci', 'setoption name Hash value 4096',
+                    'setoption name Hash value 64', 'setoption name Threads value 64', 'isready'])
+                    worker.postMessage(line);
+            else if (event.data.line !== undefined) {
+                seen.push(event.data.line);
+                if (event.data.line === 'readyok') {
+                    worker.terminate();
+                    done({ seen, cores: navigator.hardwareConcurrency });
+                }
+            }
+        };
+    }));
+    const most = Math.min(lines.cores, 16);
+    const after = lines.seen.slice(lines.seen.indexOf('uciok') + 1);
+    assert.ok(lines.seen.includes('option name Hash type spin default 32 min 1 max 2048'),
+              lines.seen.join('\n'));
+    assert.deepEqual(after, [
+        'info string Hash above 2048 MB does not fit in WebAssembly memory, unchanged',
+        'info string Size of Hashtable set to : 64',
+        'info string Number of threads set to : 64',
+        ...(64 > most ? [`info string this build runs at most ${most} threads, using ${most}`] : []),
+        'readyok',
+    ]);
+    await page.close();
+});
