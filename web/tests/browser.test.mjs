@@ -7,7 +7,7 @@
 //   node --test web/tests/      (after make wasm; CHROMIUM, DIST and SCREENSHOT override
 //                                the browser, the folder served and the screenshot's path)
 import assert from 'node:assert/strict';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { dirname, join } from 'node:path';
 import { after, before, test } from 'node:test';
@@ -21,6 +21,7 @@ import { serve } from '../serve.mjs';
 const here = dirname(fileURLToPath(import.meta.url));
 const dist = process.env.DIST || join(here, '..', '..', 'dist', 'web');
 const screenshot = process.env.SCREENSHOT || join(tmpdir(), 'quorvane-page.png');
+const SIGNATURE = readFileSync(join(here, '..', '..', 'tools', 'bench_signature.txt'), 'utf8').trim();
 const ITALIAN = 'r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R w KQkq - 2 3';
 
 let server, plainServer, browser, profile, base, plainBase;
@@ -81,6 +82,26 @@ async function clickMove(page, from, to) {
 // The pieces on the board as "square:piece" words, sorted.
 const boardPieces = (page) => page.$$eval('g[data-square][data-piece]', (groups) =>
     groups.map((g) => g.dataset.square + ':' + g.dataset.piece).sort().join(' '));
+
+// The page's worker, started by a page script: the lines that came before "readyok" after
+// `commands` (the engine's start-up banner left out).
+function askWorker(page, commands) {
+    return page.evaluate((commands) => new Promise((done, fail) => {
+        const worker = new Worker('quorvane-worker.js');
+        const seen = [];
+        worker.onerror = (event) => fail(new Error(event.message));
+        worker.onmessage = (event) => {
+            if (event.data.ready)
+                for (const line of [...commands, 'isready'])
+                    worker.postMessage(line);
+            else if (event.data.line === 'readyok') {
+                worker.terminate();
+                done(seen.slice(seen.indexOf("enter 'help' to see the commands") + 1));
+            } else if (event.data.line !== undefined)
+                seen.push(event.data.line);
+        };
+    }), commands);
+}
 
 test('the engine starts in the cross-origin-isolated page', async () => {
     const page = await openPage();
@@ -217,34 +238,27 @@ test('without cross-origin isolation the single-threaded engine plays and search
 // every output line back, with the browser's Hash range and the pool's thread ceiling.
 test('the worker answers command lines with the browser settings', async () => {
     const page = await openPage();
-    const lines = await page.evaluate(() => new Promise((done, fail) => {
-        const worker = new Worker('quorvane-worker.js');
-        const seen = [];
-        worker.onerror = (event) => fail(new Error(event.message));
-        worker.onmessage = (event) => {
-            if (event.data.ready)
-                for (const line of ['uci', 'setoption name Hash value 4096',
-                    'setoption name Hash value 64', 'setoption name Threads value 64', 'isready'])
-                    worker.postMessage(line);
-            else if (event.data.line !== undefined) {
-                seen.push(event.data.line);
-                if (event.data.line === 'readyok') {
-                    worker.terminate();
-                    done({ seen, cores: navigator.hardwareConcurrency });
-                }
-            }
-        };
-    }));
-    const most = Math.min(lines.cores, 16);
-    const after = lines.seen.slice(lines.seen.indexOf('uciok') + 1);
-    assert.ok(lines.seen.includes('option name Hash type spin default 32 min 1 max 2048'),
-              lines.seen.join('\n'));
+    const seen = await askWorker(page, ['uci', 'setoption name Hash value 4096',
+        'setoption name Hash value 64', 'setoption name Threads value 64']);
+    const most = Math.min(await page.evaluate(() => navigator.hardwareConcurrency), 16);
+    const after = seen.slice(seen.indexOf('uciok') + 1);
+    assert.ok(seen.includes('option name Hash type spin default 32 min 1 max 2048'), seen.join('\n'));
     assert.deepEqual(after, [
         'info string Hash above 2048 MB does not fit in WebAssembly memory, unchanged',
         'info string Size of Hashtable set to : 64',
         'info string Number of threads set to : 64',
         ...(64 > most ? [`info string this build runs at most ${most} threads, using ${most}`] : []),
-        'readyok',
     ]);
     await page.close();
+});
+
+test('both browser builds give the bench signature', async () => {
+    for (const origin of [base, plainBase]) {
+        const page = await openPage('', origin);
+        const lines = await askWorker(page, ['bench']);
+        assert.ok(lines.includes('Nodes searched: ' + SIGNATURE), lines.slice(-3).join('\n'));
+        console.log(`# bench in Chromium, ${origin === base ? 'threaded' : 'single-threaded'} `
+                    + `build: ${lines.find((l) => l.startsWith('Nodes/second'))}`);
+        await page.close();
+    }
 });
