@@ -6,8 +6,9 @@
 #                              ASan and UBSan, then runs each for FUZZ_SECONDS (60) on its
 #                              corpus, one at a time on one core, and prints executions,
 #                              executions per second and coverage (edges, features) of each
-#   tools/fuzz.sh merge [HARNESS...]  minimizes each working corpus (-merge=1) into
-#                              tests/fuzz/corpus/<harness>/
+#   tools/fuzz.sh merge [HARNESS...]  minimizes each working corpus (-merge=1, by edges) into
+#                              tests/fuzz/corpus/<harness>/ (not for syzygy: its inputs are
+#                              tables of several KB, made again from the data folder)
 #   tools/fuzz.sh coverage [HARNESS...]  line coverage (llvm-cov) of the code each harness
 #                              targets, measured on its working corpus in build-fuzz/coverage/
 #
@@ -71,10 +72,11 @@ configure() {
 
 # The Syzygy harness's input: table selector (its place in SYZYGY_FUZZ_TABLES of
 # tests/fuzz/targets.cpp, the order below), position seed, the WDL file's length as four
-# little-endian bytes, the WDL file, the DTZ file. Only tables whose two files together
-# stay under 20 KB, so that the fuzzer mutates small inputs.
+# little-endian bytes, the WDL file, the DTZ file. Tables whose two files together stay
+# under 20 KB whole, so that the fuzzer mutates small inputs; the larger ones cut to their
+# first 4 KB each, which still reach every header (the two-sided pawn tables among them).
 syzygy_seeds() {
-    local out=$1 i=0 name w z size
+    local out=$1 i=0 name w z size zsize cut
     local tables=(KBvK KNvK KPvK KQvK KRvK KBBvK KBNvK KBPvK KBvKB KBvKN KBvKP KNNvK KNPvK
                   KNvKN KNvKP KPPvK KPvKP KQBvK KQNvK KQPvK KQQvK KQRvK KQvKB KQvKN KQvKP
                   KQvKQ KQvKR KRBvK KRNvK KRPvK KRRvK KRvKB KRvKN KRvKP KRvKR)
@@ -88,14 +90,20 @@ syzygy_seeds() {
         z=$data/syzygy/$name.rtbz
         if [ -f "$w" ] && [ -f "$z" ]; then
             size=$(stat -c %s "$w")
-            if [ $((size + $(stat -c %s "$z"))) -lt 20000 ]; then
-                {
-                    printf "\\x$(printf %02x "$i")\\x00"
-                    printf "\\x$(printf %02x $((size & 255)))\\x$(printf %02x $((size >> 8 & 255)))"
-                    printf "\\x$(printf %02x $((size >> 16 & 255)))\\x00"
-                    cat "$w" "$z"
-                } >"$out/$name"
+            zsize=$(stat -c %s "$z")
+            cut=
+            if [ $((size + zsize)) -ge 20000 ]; then
+                cut=-cut
+                size=$((size < 4096 ? size : 4096))
+                zsize=$((zsize < 4096 ? zsize : 4096))
             fi
+            {
+                printf "\\x$(printf %02x "$i")\\x00"
+                printf "\\x$(printf %02x $((size & 255)))\\x$(printf %02x $((size >> 8 & 255)))"
+                printf "\\x$(printf %02x $((size >> 16 & 255)))\\x00"
+                head -c "$size" "$w"
+                head -c "$zsize" "$z"
+            } >"$out/$name$cut"
         fi
         i=$((i + 1))
     done
@@ -146,7 +154,9 @@ merge() {
     for h in "${harnesses[@]}"; do
         local kept=$repo/tests/fuzz/corpus/$h fresh
         fresh=$(mktemp -d)
-        "$build/fuzz_$h" -merge=1 -close_fd_mask=3 -max_len=32768 "$fresh" "$kept" "$build/corpus/$h"
+        # Edges only (no hit counts): a few hundred inputs at most, small enough to keep.
+        "$build/fuzz_$h" -merge=1 -use_counters=0 -close_fd_mask=3 -max_len=32768 "$fresh" "$kept" \
+            "$build/corpus/$h"
         rm -f "$kept"/*
         cp "$fresh"/* "$kept/"
         rm -rf "$fresh"

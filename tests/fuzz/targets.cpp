@@ -21,6 +21,7 @@
 #include "board/perft.h"
 #include "board/position.h"
 #include "board/zobrist.h"
+#include "engine/engine.h"
 #include "engine/workforce.h"
 #include "eval/evaluate.h"
 #include "tablebase/tbprobe.h"
@@ -435,13 +436,19 @@ void resetCommandLoop() {
     if (!started) {
         initOnce();
         GPSData.bindMoveBuffer(GMS);
-        theWorkForce.setNofWorkers(1);
+        executeCommand("setoption name Threads value 1");
+        executeCommand("setoption name Hash value 1");
         started = true;
     }
-    for (const char* line :
-         {"setoption name Threads value 1", "setoption name Hash value 1", "setoption name Ponder value false",
-          "setoption name MoveOverhead value 100", "setoption name SyzygyPath value <empty>",
-          "setoption name SyzygyProbeDepth value 0", "ucinewgame", "position startpos", "perft 1"})
+    // The harness keeps one thread; the table and the tablebases are set again only when
+    // the last input changed them (both cost more than a short input's work).
+    if (engine.hashSizeMB != 1)
+        executeCommand("setoption name Hash value 1");
+    if (!engine.syzygyPath.empty() && engine.syzygyPath != "<empty>")
+        executeCommand("setoption name SyzygyPath value <empty>");
+    for (const char* line : {"setoption name Ponder value false", "setoption name MoveOverhead value 100",
+                             "setoption name SyzygyProbeDepth value 0", "ucinewgame", "position startpos",
+                             "perft 1"})
         executeCommand(line);
 }
 
@@ -542,9 +549,10 @@ int letterType(char c) {
     return at && c ? int(at - " PNBRQK") : 0;
 }
 
-// A legal position of the table's material (colours as named, or swapped), with the side
-// to move able to capture nothing: a capture would probe a smaller table, which the
-// harness's folder lacks. False when the random placement fails.
+// A legal position of the table's material (colours as named, or swapped). With four
+// pieces the side to move can capture nothing: a capture would probe a three-piece table,
+// which the harness's folder lacks (three-piece captures leave two kings, which need no
+// table). False when the random placement fails.
 bool randomTbPosition(const std::string& name, std::mt19937& rng, tb_pos& p) {
     p = tb_pos{};
     const int swap = int(rng() % 2);
@@ -578,10 +586,24 @@ bool randomTbPosition(const std::string& name, std::mt19937& rng, tb_pos& p) {
         return false;
     tb_move moves[TB_MAX_MOVES];
     const int n = tb_legal_moves(p, moves);
-    for (int i = 0; i < n; i++)
+    for (int i = 0; i < n && name.size() > 4; i++)
         if (moves[i].flags & TB_CAPTURE)
             return false;
     return true;
+}
+
+// The FEN of a probing position (no castling, no en passant).
+std::string fenOfTb(const tb_pos& p) {
+    std::string board(64, '1');
+    for (int sq = 0; sq < 64; sq++)
+        for (int t = PAWN; t <= KING; t++)
+            if (p.type[t] & bb(sq))
+                board[sq] = " PNBRQK"[t] ^ ((p.colour[BLACK] & bb(sq)) ? 32 : 0);
+    std::string fen;
+    for (int rank = 7; rank >= 0; rank--) {
+        fen += board.substr(size_t(8 * rank), 8) + (rank ? "/" : "");
+    }
+    return fen + (p.side == WHITE ? " w - - " : " b - - ") + std::to_string(p.rule50) + " 1";
 }
 
 void discardText(const std::string&) {}
@@ -629,6 +651,29 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
         const int dtzValue = probe_dtz(p, &success);
         if (success && (dtzValue < -1000 || dtzValue > 1000))
             fail(name + ": DTZ value " + std::to_string(dtzValue) + " out of range");
+
+        // The same position through the engine's adapters: the same WDL, and a root move
+        // that is legal.
+        static ownedPosition enginePos;
+        const std::string fen = fenOfTb(p);
+        if (!setPosition(fen, enginePos.get()))
+            fail(name + ": probed position " + fen + " is not a position");
+        positionStruct* pos = enginePos.get();
+        int engineSuccess;
+        const int engineWdl = probeWDLPosition(pos, &engineSuccess);
+        if (engineSuccess && engineWdl != wdlValue)
+            fail(name + ": " + fen + " has WDL " + std::to_string(wdlValue) + " and, from the engine's position, "
+                 + std::to_string(engineWdl));
+        setTextSink(discardText);
+        const moveStruct best = syzygyProbeDTZ(0, pos);
+        setTextSink(nullptr);
+        if (!best.empty()) {
+            bool legal = false;
+            for (const moveStruct& m : legalMoves(pos))
+                legal |= m.sameAs(best);
+            if (!legal)
+                fail(name + ": " + fen + ": the root move " + moveToLA(&best, pos->sideToMove) + " is not legal");
+        }
     }
     init_tablebases("");
     return 0;
