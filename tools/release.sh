@@ -38,22 +38,8 @@ targets=(
     "quorvane-windows-x86-64-v3.exe x86_64-w64-mingw32  x86-64-v3"
 )
 
-# require PACKAGE:COMMAND...: installs the packages whose command is missing, as root;
-# otherwise says how and fails.
-require() {
-    local pair missing=()
-    for pair in "$@"; do
-        command -v "${pair#*:}" >/dev/null 2>&1 || missing+=("${pair%%:*}")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "missing: ${missing[*]}; install with: apt-get install ${missing[*]}" >&2
-        exit 1
-    fi
-    echo "installing ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
-}
+# require and result: tools/lib.sh.
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 toolchains() {
     require g++-mingw-w64-x86-64-posix:x86_64-w64-mingw32-g++-posix \
@@ -90,18 +76,6 @@ build() {
 
 # ------------------------------------------------------------------------------------------
 # Checks
-
-passed=0
-failed=0
-result() {  # result NAME STATUS [DETAIL]
-    if [ "$2" -eq 0 ]; then
-        passed=$((passed + 1))
-        echo "ok      $1${3:+: $3}"
-    else
-        failed=$((failed + 1))
-        echo "FAILED  $1${3:+: $3}"
-    fi
-}
 
 # runner NAME: the emulator a binary needs on this machine, as words before its path.
 runner() {

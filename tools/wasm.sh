@@ -32,22 +32,8 @@ jobs=${JOBS:-1}
 read -r -a extra <<<"${CMAKE_ARGS:-}"
 export NODE_PATH=${NODE_PATH:-/usr/share/nodejs}
 
-# require PACKAGE:COMMAND...: installs the packages whose command is missing, as root;
-# otherwise says how and fails.
-require() {
-    local pair missing=()
-    for pair in "$@"; do
-        command -v "${pair#*:}" >/dev/null 2>&1 || missing+=("${pair%%:*}")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "missing: ${missing[*]}; install with: apt-get install ${missing[*]}" >&2
-        exit 1
-    fi
-    echo "installing ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
-}
+# require and result: tools/lib.sh.
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 build() {
     require emscripten:emcc nodejs:node npm:npm
@@ -76,18 +62,6 @@ build() {
 
 # ------------------------------------------------------------------------------------------
 # Checks
-
-passed=0
-failed=0
-result() {  # result NAME STATUS [DETAIL]
-    if [ "$2" -eq 0 ]; then
-        passed=$((passed + 1))
-        echo "ok      $1${3:+: $3}"
-    else
-        failed=$((failed + 1))
-        echo "FAILED  $1${3:+: $3}"
-    fi
-}
 
 console=(node "$dist/quorvane-cli.mjs")
 
