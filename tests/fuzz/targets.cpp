@@ -95,6 +95,16 @@ std::string writeScratch(const std::string& name, const std::string& bytes) {
     return file.string();
 }
 
+// The bytes the readers' text-mode streams deliver from a file holding `bytes`: on Windows
+// "\r\n" reads as "\n" and Ctrl-Z ends the file, so the harness writes only what survives.
+std::string asTextFile(std::string bytes) {
+#ifdef _WIN32
+    bytes = bytes.substr(0, bytes.find('\x1a'));
+    std::erase(bytes, '\r');
+#endif
+    return bytes;
+}
+
 std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
@@ -684,7 +694,7 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
 
 int fuzzEpd(const uint8_t* data, size_t size) {
     initOnce();
-    const std::string text = textOf(data, size);
+    const std::string text = asTextFile(textOf(data, size));
     const std::string file = writeScratch("positions.epd", text);
     std::vector<texelPosStruct> loaded;
     std::vector<float> labels;
@@ -758,7 +768,7 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
     initOnce();
     // Depths above 2 become 2, so that no test runs long.
     std::string text;
-    std::vector<std::string> lines = splitLines(textOf(data, size));
+    std::vector<std::string> lines = splitLines(asTextFile(textOf(data, size)));
     for (std::string& line : lines) {
         const size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
         if (b != std::string::npos) {
