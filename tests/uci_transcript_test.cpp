@@ -171,16 +171,20 @@ TEST(UciTranscript, RtestReadsAFile) {
     fs::create_directories(dir);
     const std::string start = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
     std::ofstream(dir / "perft.txt") << start << ";2;400\n"
-                                     << start << ";1;21\nfull\n"
+                                     << start << ";1;21\n"
+                                     << start << ";2x;400\n"  // numbers must be whole
+                                     << start << ";1;-1\nfull\n"
                                      << start << ";9;1\n";
     engineOptionsStruct opts;
     opts.workDir = dir.string();
     session s(opts);
     auto reply = s.ask("rtest");  // without an argument: perft.txt in the working directory
-    ASSERT_EQ(reply.size(), 3u);
+    ASSERT_EQ(reply.size(), 5u);
     EXPECT_EQ(reply[0].rfind("1; " + start + "; 2; 400; 400; ", 0), 0u) << reply[0];
     EXPECT_EQ(reply[1].rfind("0; " + start + "; 1; 21; 20; ", 0), 0u) << reply[1];
-    EXPECT_EQ(reply[2], "Results of the perft checks is OK: 0");
+    EXPECT_EQ(reply[2], "0; " + start + ";2x;400; unreadable test line");
+    EXPECT_EQ(reply[3], "0; " + start + ";1;-1; unreadable test line");
+    EXPECT_EQ(reply[4], "Results of the perft checks is OK: 0");
     EXPECT_EQ(s.board(), START_BOARD);
 }
 

@@ -1,5 +1,6 @@
 #include "board/perft.h"
 
+#include <charconv>
 #include <chrono>
 #include <fstream>
 #include <memory>
@@ -39,6 +40,18 @@ u64 perft(u8 ply, int depth, positionStruct* pos) {
     }
     return nodes;
 }
+namespace {
+
+// A field that is a decimal number and nothing else ("2x", " 2" and "-1" for a count are not).
+template <typename T>
+bool wholeNumber(const std::string& field, T& value) {
+    const char* end = field.data() + field.size();
+    auto [stop, error] = std::from_chars(field.data(), end, value);
+    return error == std::errc() && stop == end;
+}
+
+}  // namespace
+
 bool runPerftFile(const std::string& path, std::ostream& out, int* testsRun) {
     std::ifstream in(path);
     if (!in) {
@@ -61,17 +74,9 @@ bool runPerftFile(const std::string& path, std::ostream& out, int* testsRun) {
         size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
         std::string fen = line.substr(0, a), error;
         int depth = 0;
-        unsigned long long expected = 0;
-        bool ok = b != std::string::npos;
-        if (ok) {
-            try {
-                size_t used;
-                depth = std::stoi(line.substr(a + 1, b - a - 1), &used);
-                expected = std::stoull(line.substr(b + 1), &used);
-            } catch (const std::exception&) {
-                ok = false;
-            }
-        }
+        u64 expected = 0;
+        bool ok = b != std::string::npos && wholeNumber(line.substr(a + 1, b - a - 1), depth)
+               && wholeNumber(line.substr(b + 1), expected);
         ok = ok && depth >= 1 && depth <= PERFT_MAX_DEPTH && setPosition(fen, pos.get(), &error);
         if (!ok) {
             out << "0; " << line << "; unreadable test line\n" << std::flush;
