@@ -22,6 +22,7 @@
 #include "board/zobrist.h"
 #include "eval/evaluate.h"
 #include "tablebase/tbprobe.h"
+#include "position_bytes.h"
 
 // Sanitized builds run slower: randomised tests do less work there.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -259,22 +260,7 @@ inline std::string readTextFile(const std::string& path) {
 }
 
 // Every field that make/take-back must restore, as bytes.
-inline std::string snapshot(const positionStruct* p) {
-    std::string s;
-    auto add = [&](const void* at, size_t n) { s.append(static_cast<const char*>(at), n); };
-    add(p->board, sizeof p->board);
-    add(p->bitboards, sizeof p->bitboards);
-    add(&p->hashKey, sizeof p->hashKey);
-    add(&p->pawnKey, sizeof p->pawnKey);
-    add(p->material, sizeof p->material);
-    add(p->psqScore, sizeof p->psqScore);
-    add(&p->phase, sizeof p->phase);
-    add(&p->sideToMove, sizeof p->sideToMove);
-    add(&p->gamePly, sizeof p->gamePly);
-    add(&p->halfMoveClock, sizeof p->halfMoveClock);
-    add(p->keyHistory, sizeof(u64) * size_t(p->gamePly));
-    return s;
-}
+inline std::string snapshot(const positionStruct* p) { return positionBytes(p, true); }
 
 // What run() prints on standard output, kept out of the log.
 template <typename Run>

@@ -42,22 +42,8 @@ declare -A targets=(
     [pgn]="src/tuning/pgn.cpp"
 )
 
-# require PACKAGE:FILE...: installs the packages whose file is missing, as root; otherwise
-# says how and fails.
-require() {
-    local pair missing=()
-    for pair in "$@"; do
-        [ -e "${pair#*:}" ] || missing+=("${pair%%:*}")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "missing: ${missing[*]}; install with: apt-get install ${missing[*]}" >&2
-        exit 1
-    fi
-    echo "installing ${missing[*]}"
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
-}
+# require: tools/lib.sh.
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # configure DIR MODE: a clang build of the harnesses (QUORVANE_FUZZ=MODE) in DIR.
 configure() {

@@ -1,12 +1,17 @@
 # Shell functions shared by the build-and-check scripts (release.sh, wasm.sh, fuzz.sh).
 # Sourced, never run.
 
-# require PACKAGE:COMMAND...: installs the packages whose command is missing, as root;
-# otherwise says how and fails.
+# require PACKAGE:COMMAND... (or PACKAGE:/path/of/a/file): installs the packages whose
+# command or file is missing, as root; otherwise says how and fails.
 require() {
-    local pair missing=()
+    local pair what missing=()
     for pair in "$@"; do
-        command -v "${pair#*:}" >/dev/null 2>&1 || missing+=("${pair%%:*}")
+        what=${pair#*:}
+        if [[ $what == */* ]]; then
+            [ -e "$what" ] || missing+=("${pair%%:*}")
+        else
+            command -v "$what" >/dev/null 2>&1 || missing+=("${pair%%:*}")
+        fi
     done
     [ ${#missing[@]} -eq 0 ] && return 0
     if [ "$(id -u)" -ne 0 ]; then

@@ -28,6 +28,8 @@
 #include "tuning/pgn.h"
 #include "tuning/texel.h"
 #include "tuning/weightsfile.h"
+
+#include "../position_bytes.h"
 #include "uci/uci.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -127,22 +129,7 @@ struct ownedPosition {
 // Position checks shared by the harnesses.
 
 // The fields that make and take-back restore and that a FEN describes, as bytes.
-std::string boardState(const positionStruct* p, int ply = 0) {
-    std::string s;
-    auto add = [&](const void* at, size_t n) { s.append(static_cast<const char*>(at), n); };
-    add(p->board, sizeof p->board);
-    add(p->bitboards, sizeof p->bitboards);
-    add(&p->hashKey, sizeof p->hashKey);
-    add(&p->pawnKey, sizeof p->pawnKey);
-    add(p->material, sizeof p->material);
-    add(p->psqScore, sizeof p->psqScore);
-    add(&p->phase, sizeof p->phase);
-    add(&p->sideToMove, sizeof p->sideToMove);
-    add(&p->halfMoveClock, sizeof p->halfMoveClock);
-    add(&p->plyStack[ply].castlingRights, 1);
-    add(&p->plyStack[ply].enPassantSquare, 1);
-    return s;
-}
+std::string boardState(const positionStruct* p, int ply = 0) { return positionBytes(p, false, ply); }
 
 // Keys, material, piece-square sums and phase rebuilt from the board equal the position's
 // own; the bitboards match the board; one king each; the side not to move is not in
