@@ -76,19 +76,25 @@ void initOnce() {
     }
 }
 
-// A folder of this process for the files the readers open; removed at exit.
-const fs::path& scratchDir() {
-    static const fs::path dir = [] {
+// A folder of this process for the files the readers open, removed with the process's
+// statics at exit. (An atexit handler registered while the path was being built ran after
+// the path was destroyed: Windows' runtime crashed there, glibc read freed memory.)
+struct scratchFolder {
+    fs::path path;
+    scratchFolder() {
         std::random_device rd;
-        fs::path d = fs::temp_directory_path() / ("quorvane-fuzz-" + std::to_string(rd()));
-        fs::create_directories(d);
-        std::atexit([] {
-            std::error_code ec;
-            fs::remove_all(scratchDir(), ec);
-        });
-        return d;
-    }();
-    return dir;
+        path = fs::temp_directory_path() / ("quorvane-fuzz-" + std::to_string(rd()));
+        fs::create_directories(path);
+    }
+    ~scratchFolder() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
+};
+
+const fs::path& scratchDir() {
+    static const scratchFolder folder;
+    return folder.path;
 }
 
 std::string writeScratch(const std::string& name, const std::string& bytes) {
