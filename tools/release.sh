@@ -118,7 +118,7 @@ tb_searches() {
 }
 
 check_binary() {
-    local name=$1 bin="$dist/$1" run out expected nodes nps ok tests
+    local name=$1 bin="$dist/$1" run out expected nodes nps ok tests rc
     read -r -a run <<<"$(runner "$name")"
     echo "=== $name${run[*]:+ under ${run[*]}}"
     [ -x "$bin" ] || { result "$name: present" 1 "no $bin (make release)"; return; }
@@ -127,16 +127,16 @@ check_binary() {
     out=$("${run[@]}" "$bin" bench 2>&1 | tr -d '\r')
     nodes=$(sed -n 's/^Nodes searched: //p' <<<"$out")
     nps=$(sed -n 's/^Nodes\/second: //p' <<<"$out")
-    [ "$nodes" = "$expected" ]
-    result "$name: bench signature" $? "$nodes nodes, $nps nodes/s"
+    [ "$nodes" = "$expected" ] && rc=0 || rc=$?
+    result "$name: bench signature" $rc "$nodes nodes, $nps nodes/s"
     figures+=("$(printf '%-32s %10s %12s %s' "$name" "$(stat -c %s "$bin")" "$nps" "${run[*]:-native}")")
 
     for file in "$repo/tests/perft.txt" "$data/perft.txt"; do
         [ -f "$file" ] || { echo "skipped: $file missing"; continue; }
         out=$(cd "$(dirname "$file")" && "${run[@]}" "$bin" rtest "$(basename "$file")" 2>&1 | tr -d '\r')
         ok=$(grep -c '^1;' <<<"$out" || true)
-        grep -q '^Results of the perft checks is OK: 1$' <<<"$out"
-        result "$name: perft $file" $? "$ok lines"
+        grep -q '^Results of the perft checks is OK: 1$' <<<"$out" && rc=0 || rc=$?
+        result "$name: perft $file" $rc "$ok lines"
     done
 
     # The suites of the build machine's tests that drive the engine binary, driving this
@@ -144,40 +144,40 @@ check_binary() {
     tests="UciTranscript.*:UciFuzz.*:EngineSearch.*:EngineTablebases.*:SearchThreads.*"
     [ "${run[*]}" = qemu-aarch64 ] || tests+=":EngineClock.*"
     QUORVANE_ENGINE="${run[*]} $bin" QUORVANE_TIME_SCALE=${run:+4} \
-        "$repo/build/quorvane_tests" --gtest_filter="$tests" --gtest_brief=1 >"$builds/$name.protocol.log" 2>&1
-    result "$name: protocol tests ($tests)" $? "$(grep -E '^\[  (PASSED|FAILED) ' "$builds/$name.protocol.log" | head -1)"
+        "$repo/build/quorvane_tests" --gtest_filter="$tests" --gtest_brief=1 >"$builds/$name.protocol.log" 2>&1 && rc=0 || rc=$?
+    result "$name: protocol tests ($tests)" $rc "$(grep -E '^\[  (PASSED|FAILED) ' "$builds/$name.protocol.log" | head -1)"
 
     if [ -d "$data/syzygy" ]; then
         tb_searches "${run[@]}" "$bin" >"$builds/$name.tb.txt"
-        cmp -s "$builds/$name.tb.txt" "$builds/reference.tb.txt"
-        result "$name: tablebase root searches" $? "$(grep -c '^bestmove' "$builds/$name.tb.txt") searches"
+        cmp -s "$builds/$name.tb.txt" "$builds/reference.tb.txt" && rc=0 || rc=$?
+        result "$name: tablebase root searches" $rc "$(grep -c '^bestmove' "$builds/$name.tb.txt") searches"
     fi
 }
 
 # The unit tests cross-built for a toolchain, run by ctest under the toolchain's emulator.
 check_unit_tests() {
-    local toolchain=$1 dir="$builds/tests-$1"
+    local toolchain=$1 dir="$builds/tests-$1" rc
     shift
     echo "=== unit tests, $toolchain"
     configure "$dir" "$toolchain" -DQUORVANE_DATA_DIR="$data" "$@"
     cmake --build "$dir" -j"$jobs" >"$dir.build.log" 2>&1 || { result "unit tests $toolchain: build" 1; return; }
-    ctest --test-dir "$dir" -j"$jobs" --output-on-failure >"$dir.log" 2>&1
-    result "unit tests $toolchain" $? \
+    ctest --test-dir "$dir" -j"$jobs" --output-on-failure >"$dir.log" 2>&1 && rc=0 || rc=$?
+    result "unit tests $toolchain" $rc \
         "$(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\2 tests, \1 failed/p' "$dir.log")"
 }
 
 # The engine built the way OpenBench workers build it (make EXE=... CXX=...), with each
 # compiler at hand: the bench signature.
 check_openbench() {
-    local cxx exe out
+    local cxx exe out rc
     for cxx in g++ clang++; do
         command -v "$cxx" >/dev/null 2>&1 || { echo "skipped: no $cxx"; continue; }
         exe="$builds/openbench-$cxx"
         make -C "$repo" EXE="$exe" CXX="$cxx" EXE_BUILD="$builds/openbench-$cxx.build" \
             CMAKE_ARGS="${CMAKE_ARGS:-}" >"$exe.log" 2>&1 || { result "make EXE CXX=$cxx" 1; continue; }
         out=$("$exe" bench 2>&1 | tail -1)
-        [ "${out%% *}" = "$(cat "$repo/tools/bench_signature.txt")" ]
-        result "make EXE CXX=$cxx" $? "$out"
+        [ "${out%% *}" = "$(cat "$repo/tools/bench_signature.txt")" ] && rc=0 || rc=$?
+        result "make EXE CXX=$cxx" $rc "$out"
     done
 }
 
