@@ -83,6 +83,10 @@ async function clickMove(page, from, to) {
 const boardPieces = (page) => page.$$eval('g[data-square][data-piece]', (groups) =>
     groups.map((g) => g.dataset.square + ':' + g.dataset.piece).sort().join(' '));
 
+// The same listing from a FEN, for waiting until the board shows a position.
+const piecesOfFen = (fen) => new Chess(fen).board().flat().filter(Boolean)
+    .map((p) => p.square + ':' + p.color + p.type).sort().join(' ');
+
 // The page's worker, started by a page script: the lines that came before "readyok" after
 // `commands` (the engine's start-up banner left out).
 function askWorker(page, commands) {
@@ -173,7 +177,11 @@ test('a ?fen=&movetime=500 link searches that position', async () => {
 
 test('a bad FEN or PGN is refused with a message and the position stays', async () => {
     const page = await openPage('?fen=' + encodeURIComponent(ITALIAN));
-    const pieces = await boardPieces(page);
+    // The link's position is drawn after the page loads: wait for it before comparing.
+    const pieces = piecesOfFen(ITALIAN);
+    await page.waitForFunction((want) => [...document.querySelectorAll('g[data-square][data-piece]')]
+        .map((g) => g.dataset.square + ':' + g.dataset.piece).sort().join(' ') === want,
+                               { timeout: 10000 }, pieces);
     for (const [field, button, value] of [
         ['#fen', '#set-fen', 'rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP w KQkq - 0 1'],
         ['#fen', '#set-fen', '8/8/8/8/8/8/8/8 w - - 0 1'],
