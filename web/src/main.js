@@ -287,8 +287,8 @@ function endGame(text) {
 }
 
 // Plays a legal move on the line (dropping whatever followed the cursor) and on the board.
-function playMove(spec) {
-    const move = game.move(spec);
+function playMove(wanted) {
+    const move = game.move(wanted);
     line = line.slice(0, cursor);
     line.push(move);
     cursor = line.length;
@@ -302,8 +302,8 @@ function playMove(spec) {
     return move;
 }
 
-function userMove(spec) {
-    playMove(spec);
+function userMove(wanted) {
+    playMove(wanted);
     if (mode === 'play' && !over)
         engineToMove();
     else if (mode === 'analyse' && analysing)
