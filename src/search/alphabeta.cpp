@@ -304,7 +304,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
         // Quiet moves late in the list or losing material by exchange are not searched,
         // unless they give check.
-        if (ply > 0 && stage == STAGE_QUIETS && bestScore > -MATE_BAND) {
+        if (ply > 0 && stage == STAGE_QUIETS && bestScore > -MATE_BAND
+            && !(LMP_NON_PV_ONLY && pvNode)) {
             const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
             const bool losing = !late && depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
                              && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth);
@@ -334,8 +335,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             score = searchChild(u8(ply + 1), newDepth, alpha, beta, pos);
         } else {
             int r = 0;
-            if (depth >= LMR_MIN_DEPTH && capturesNothing && !isPromotion(m) && !inCheck
-                && !child.inCheck) {
+            const bool reducible = (capturesNothing && !isPromotion(m))
+                                || (LMR_BAD_CAPTURES && stage == STAGE_BAD_CAPTURES);
+            if (depth >= LMR_MIN_DEPTH && reducible && !inCheck && !child.inCheck) {
                 r = LMR[std::min(depth, LMR_DEPTHS - 1)][std::min(moveNumber, LMR_MOVES - 1)]
                   + (improving ? 0 : 1);
                 if (mainHist < 0 && cont1 < 0 && cont2 < 0)

@@ -75,11 +75,15 @@ inline constexpr auto LMR = makeLmrTable();
 //   continuation histories (one more when negative), at most LMR_HISTORY_MAX either way, on
 //   top of the all-negative step above; 0 is off.
 // - LMR_REFUTATION_LESS: killers and the counter move are reduced one ply less.
+// - LMR_BAD_CAPTURES: the deferred captures that lose by exchange are reduced like quiets.
+// - LMP_NON_PV_ONLY: late-move and exchange pruning of quiets left out at PV nodes.
 // LMR_HISTORY_DIV = 8192 (bench 16173799): +8.5 +- 20.9 Elo over 532 games at 2+0.02, LLR
 // 0.21 of [0, 5], undecided (played beside other work: 13 time losses, both sides).
 constexpr int LMR_HISTORY_DIV = 0;
 constexpr int LMR_HISTORY_MAX = 2;
 constexpr bool LMR_REFUTATION_LESS = false;
+constexpr bool LMR_BAD_CAPTURES = false;
+constexpr bool LMP_NON_PV_ONLY = false;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
