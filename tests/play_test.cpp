@@ -239,4 +239,21 @@ TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
     EXPECT_EQ(e.finish(), 0);
 }
 
+// A table first opened by a search thread while the command loop waits for that search to
+// end (the WebAssembly console's search threads ask its main thread for file access).
+TEST(EngineTablebases, FirstProbeWhileTheLoopWaits) {
+    REQUIRE_DATA("syzygy/KQvK.rtbw");
+    readyEngine e;
+    ASSERT_TRUE(e.ask("setoption name SyzygyPath value " + dataPath("syzygy")));
+    const std::string fen = "8/8/8/4k3/8/8/3QK3/8 w - - 0 1";
+    // One write: the loop reads the next "position", which waits for the search, before
+    // the search has probed.
+    ASSERT_TRUE(e.sendRaw("position fen " + fen + "\ngo infinite\nposition startpos\n"));
+    auto out = readSearch(e);
+    expectLegalOutput(fen, out);
+    e.send("go depth 1");   // from the start position: the loop runs on
+    EXPECT_TRUE(readSearch(e).ended);
+    EXPECT_EQ(e.finish(), 0);
+}
+
 }  // namespace

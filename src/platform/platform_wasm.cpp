@@ -41,15 +41,22 @@ std::atomic<int> injectedStatError{0};
 
 }  // namespace
 
+// The main thread never holds pendingMutex while it could block: a blocked main thread
+// runs the queued calls, flushFromQueue among them, and that would lock the mutex twice.
+// Appending may allocate, and a busy allocator lock blocks, so only search threads append;
+// the main thread takes the queue with a swap, which does not allocate.
 void writeOutput(const std::string& text) {
+    if (emscripten_is_main_runtime_thread()) {
+        flushOutput();   // what the search threads said first
+        quorvaneEmitText(text.data(), int(text.size()));
+        return;
+    }
     std::unique_lock<std::mutex> lock(pendingMutex);
     [[maybe_unused]] const bool wasEmpty = pendingText.empty();
     pendingText += text;
     lock.unlock();
-    if (emscripten_is_main_runtime_thread())
-        flushOutput();
 #ifdef __EMSCRIPTEN_PTHREADS__
-    else if (wasEmpty)
+    if (wasEmpty)
         emscripten_async_run_in_main_runtime_thread(EM_FUNC_SIG_V, flushFromQueue);
 #endif
 }
