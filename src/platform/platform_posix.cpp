@@ -1,16 +1,12 @@
 // The platform layer on Linux and other POSIX systems.
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 
 #include "platform/platform.h"
+#include "platform/posix_files.h"
 
 namespace platform {
 
@@ -27,53 +23,21 @@ size_t roundedSize(size_t bytes) {
     return align ? (bytes + align - 1) / align * align : bytes;
 }
 
-std::atomic<int> injectedStatError{0};
-
-int fileStatus(int fd, struct stat& st) {
-    if (int code = injectedStatError.exchange(0)) {
-        errno = code;
-        return -1;
-    }
-    return ::fstat(fd, &st);
-}
-
 }  // namespace
-
-void failNextFileStatus(int code) { injectedStatError = code; }
-
-bool isReadable(const std::string& file) {
-    int fd = ::open(file.c_str(), O_RDONLY);
-    if (fd < 0)
-        return false;
-    ::close(fd);
-    return true;
-}
 
 mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
                   std::string& systemError) {
-    int fd = ::open(file.c_str(), O_RDONLY);
-    if (fd < 0)
-        return mapStatus::ABSENT;
-    struct stat st {};
-    if (fileStatus(fd, st) != 0) {
-        systemError = std::strerror(errno);
-        ::close(fd);
-        return mapStatus::NO_STATUS;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return mapStatus::ABSENT;
-    }
-    if (uint64_t(st.st_size) < minSize || st.st_size == 0) {
-        ::close(fd);
-        return mapStatus::TOO_SHORT;
-    }
-    void* p = ::mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+    int fd;
+    size_t size = 0;
+    if (mapStatus status = posix::openTableFile(file, minSize, fd, size, systemError);
+        status != mapStatus::MAPPED)
+        return status;
+    void* p = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
     ::close(fd);
     if (p == MAP_FAILED)
         return mapStatus::FAILED;
     out.data = static_cast<const unsigned char*>(p);
-    out.size = size_t(st.st_size);
+    out.size = size;
     return mapStatus::MAPPED;
 }
 

@@ -4,12 +4,8 @@
 // JavaScript front-end through Module.onText.
 #include <emscripten.h>
 #include <emscripten/threading.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +14,7 @@
 
 #include "platform/console.h"
 #include "platform/platform.h"
+#include "platform/posix_files.h"
 
 // clang-format off
 EM_JS(void, quorvaneEmitText, (const char* text, int bytes), {
@@ -34,8 +31,6 @@ namespace {
 
 std::mutex pendingMutex;
 std::string pendingText;  // written by search threads, not yet handed on
-
-std::atomic<int> injectedStatError{0};
 
 [[maybe_unused]] void flushFromQueue() { flushOutput(); }
 
@@ -76,36 +71,13 @@ int threadLimit() {
     return pool >= 2 ? pool / 2 : 1;
 }
 
-bool isReadable(const std::string& file) {
-    int fd = ::open(file.c_str(), O_RDONLY);
-    if (fd < 0)
-        return false;
-    ::close(fd);
-    return true;
-}
-
-void failNextFileStatus(int code) { injectedStatError = code; }
-
 mapStatus mapFile(const std::string& file, size_t minSize, fileMapping& out,
                   std::string& systemError) {
-    int fd = ::open(file.c_str(), O_RDONLY);
-    if (fd < 0)
-        return mapStatus::ABSENT;
-    struct stat st {};
-    if (int code = injectedStatError.exchange(0); code || ::fstat(fd, &st) != 0) {
-        systemError = std::strerror(code ? code : errno);
-        ::close(fd);
-        return mapStatus::NO_STATUS;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return mapStatus::ABSENT;
-    }
-    if (uint64_t(st.st_size) < minSize || st.st_size == 0) {
-        ::close(fd);
-        return mapStatus::TOO_SHORT;
-    }
-    size_t size = size_t(st.st_size);
+    int fd;
+    size_t size = 0;
+    if (mapStatus status = posix::openTableFile(file, minSize, fd, size, systemError);
+        status != mapStatus::MAPPED)
+        return status;
     auto* data = static_cast<unsigned char*>(std::malloc(size));
     size_t done = 0;
     while (data && done < size) {
