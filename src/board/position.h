@@ -40,6 +40,7 @@ struct plyStruct {
     u8 pickStage;
     u8 inCheck;
     u8 moveCount;
+    u8 doubleExtensions;         // double singular extensions on the line to this ply
 };
 
 struct positionStruct {

@@ -116,6 +116,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     plyStruct& ps = pos->plyStack[ply];
     plyStruct& child = pos->plyStack[ply + 1];
     child.nullMoveDisable = ps.nullMoveDisable;
+    const int doubles = ply ? ps.doubleExtensions : 0;
+    child.doubleExtensions = u8(doubles);
     ps.hashMove = EMPTYMOVE;
 
     // Step 5. Transposition table: cut-offs only at non-PV nodes below the root. The
@@ -260,7 +262,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
     // Step 13. Singular test of the hash move: the other moves at half depth against
     // sBeta, below the table's lower bound.
-    int singular = 0;   // the hash move's extension: 1, 0 or -1
+    int singular = 0;   // the hash move's extension: 2, 1, 0 or -1
     if (ply > 0 && !excluding && depth >= SINGULAR_MIN_DEPTH
         && !ps.hashMove.empty() && (bound & BOUND_LOWER) && hashDepth(entry) >= depth - SINGULAR_TT_DEPTH
         && std::abs(ttScore) < MATE_BAND) {
@@ -273,7 +275,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         if (searchStopped())
             return 0;
         if (score < sBeta)
-            singular = 1;
+            singular = DOUBLE_EXT_MARGIN && score < sBeta - DOUBLE_EXT_MARGIN
+                            && doubles < DOUBLE_EXT_MAX ? 2 : 1;
         else if (sBeta >= beta)
             return short(sBeta);
         else if (ttScore >= beta)
@@ -323,8 +326,10 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         // singular test's verdict on the hash move adds to that.
         int extension = mayExtend && cont1 > CONT_HIST_EXTENSION && cont2 > CONT_HIST_EXTENSION;
         if (singular && m.sameAs(ps.hashMove))
-            extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1, 1);
+            extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1,
+                                   std::max(singular, 1));
         const int newDepth = depth - 1 + extension;
+        child.doubleExtensions = u8(doubles + (extension > 1));
 
         ps.currentMove = m;
         makeMove(pos, ply, m);

@@ -107,6 +107,10 @@ constexpr int CONT_HIST_EXTENSION = 4096;
 constexpr int SINGULAR_MIN_DEPTH = 8;
 constexpr int SINGULAR_TT_DEPTH = 3;
 constexpr int SINGULAR_MARGIN = 2;
+// Candidate, off while 0: a hash move whose alternatives all fail more than this below
+// sBeta is extended by two plies, at most DOUBLE_EXT_MAX times on one line.
+constexpr int DOUBLE_EXT_MARGIN = 0;
+constexpr int DOUBLE_EXT_MAX = 6;
 
 // There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
 // fixed-depth trees elevenfold and scored below zero at both clocks, -35.8 +- 20.3 Elo at
