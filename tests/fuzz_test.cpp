@@ -1,11 +1,9 @@
 // Bad input through the real binary: numbers past every limit, then random and mutated
 // command lines. Under the sanitizer build the engine runs instrumented, so any memory or
 // undefined-behaviour fault ends it and fails the test. (Mutated FENs through the reader in
-// process: the board tests.)
+// process: the fuzz regression tests.)
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 #include "engine_process.h"
@@ -48,10 +46,10 @@ const std::vector<std::string> TOKENS = words(
 // (a bare "perft" uses the depth last set, which starts the run at 1).
 bool safeToSend(const std::string& line) {
     const std::vector<std::string> w = words(line);
-    char* end = nullptr;
-    if (w.size() >= 2 && w[0] == "perft" && std::strtoll(w[1].c_str(), &end, 10) > 2)
-        return *end != '\0';  // a depth that is no number is refused before any count
-    return w.empty() || w[0] != "quit";
+    long long depth;  // a depth that is no number is refused before any count
+    return w.empty()
+           || (w[0] != "quit"
+               && !(w[0] == "perft" && w.size() >= 2 && wholeNumber(w[1], depth) && depth > 2));
 }
 
 std::string randomLine(std::mt19937_64& rng) {
@@ -87,8 +85,9 @@ std::string randomLine(std::mt19937_64& rng) {
 }
 
 std::string firstWord(const std::string& line) {
-    const std::vector<std::string> w = words(line);
-    return w.empty() ? "" : w[0];
+    std::string w;
+    std::istringstream(line) >> w;
+    return w;
 }
 
 // Lines a running search may print at any moment; they belong to no command.
@@ -101,13 +100,10 @@ bool searchOutput(const std::string& line) {
 // or perft runs past the ply records. Then random lines: each is answered, and a refused
 // position leaves the board alone. The engine goes on afterwards and quits cleanly.
 TEST(UciFuzz, HugeNumbersThenRandomLines) {
-    namespace fs = std::filesystem;
-    const fs::path dir = fs::path(testing::TempDir()) / "quorvane_fuzz";
-    fs::create_directories(dir);  // no perft.txt or tuning file here
-    std::ofstream(dir / "deep.txt") << fenStartPos << ";300;1\n"
-                                    << fenStartPos << ";2147483648;1\n";
+    scratchFolder dir;  // no perft.txt or tuning file here
+    dir.write("deep.txt", std::string(fenStartPos) + ";300;1\n" + fenStartPos + ";2147483648;1\n");
     engineOptionsStruct opts;
-    opts.workDir = dir.string();
+    opts.workDir = dir.path.string();
     opts.env = {"QUORVANE_HASH_LIMIT_MB=16"};
     engineProcess engine(opts);
     ASSERT_TRUE(engine.readUntil("enter 'help' to see the commands"));

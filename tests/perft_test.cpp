@@ -5,30 +5,10 @@
 // after the "full" marker never does here.
 #include <cstdlib>
 
-#include "board/makemove.h"
-#include "board/movegen.h"
 #include "board/perft.h"
 #include "test_util.h"
 
 namespace {
-
-// The same count through generateMovesLegal, the list the root search and the move reader
-// start from: every ply filtered, the evasions included, and the last ply counted from it.
-u64 perftByLegalLists(int ply, int depth, positionStruct* pos) {
-    setInCheck(u8(ply), pos);
-    plyStruct& ps = pos->plyStack[ply];
-    generateMovesLegal(u8(ply), ps.moveListBegin, pos);
-    moveStruct *begin = ps.moveListBegin, *end = ps.moveListEnd;
-    if (depth == 1)
-        return u64(end - begin);
-    u64 nodes = 0;
-    for (moveStruct* m = begin; m < end; m++) {
-        makeMove(pos, ply, *m);
-        nodes += perftByLegalLists(ply + 1, depth - 1, pos);
-        takeBack(pos, ply, *m);
-    }
-    return nodes;
-}
 
 // perft() itself, then the full legal lists on the same lines (the largest cases aside, to
 // keep the suite quick). perft() also has to leave the position as it found it.
@@ -51,7 +31,7 @@ void checkReferenceFile(const std::string& file) {
         EXPECT_TRUE(snapshot(pos.get()) == before) << line;
         run++;
         if (expected <= std::min<u64>(limit, 25000000)) {
-            EXPECT_EQ(perftByLegalLists(0, depth, pos.get()), expected) << line;
+            EXPECT_EQ(slowPerft(pos.get(), 0, depth), expected) << line;
             bySearch++;
         }
     }

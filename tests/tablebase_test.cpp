@@ -79,17 +79,6 @@ std::vector<std::string> registeredNames() {
 
 int probeFen(const std::string& fen, int* success) { return probe_wdl(probePos(fen), success); }
 
-struct tempDir {
-    fs::path path =
-        fs::temp_directory_path() / ("quorvane_tb_" + std::to_string(std::random_device{}()));
-    tempDir() { fs::create_directories(path); }
-    // Windows deletes no file that is still mapped: the test releases the tables first.
-    ~tempDir() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-};
-
 class Tablebase : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -208,7 +197,7 @@ TEST_F(Tablebase, Registration) {
     EXPECT_EQ(ok, 0);
     EXPECT_EQ(loadTablebases("/nonexistent/folder"), "Found 0 tablebases.\n");
 
-    tempDir a, b;
+    scratchFolder a, b;
     fs::copy_file(dataPath("syzygy/KRvK.rtbw"), b.path / "KRvK.rtbw");
     const std::string sep(1, platform::PATH_LIST_SEPARATOR);
     EXPECT_EQ(loadTablebases(sep + sep + "/nonexistent" + sep + a.path.string() + sep + sep

@@ -1,28 +1,16 @@
-// Helpers shared by the tests: tables, positions owning their move buffer, data paths,
-// FEN writing and mirroring, legal moves and lines, random walks, mutated text, EPD and
-// text files, captured output, tablebases.
+// Helpers of the GoogleTest files (test_core.h: those the fuzz harnesses share): positions
+// read from a FEN, data paths, moves and lines, random walks, mirroring, mutated text, EPD
+// files, captured output, tablebases.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <random>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "board/bitboards.h"
-#include "board/makemove.h"
-#include "board/movegen.h"
-#include "board/position.h"
-#include "board/zobrist.h"
 #include "eval/evaluate.h"
 #include "tablebase/tbprobe.h"
-#include "position_bytes.h"
+#include "test_core.h"
 
 // Sanitized builds run slower: randomised tests do less work there.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -31,11 +19,6 @@ constexpr bool SANITIZED_BUILD = true;
 constexpr bool SANITIZED_BUILD = false;
 #endif
 constexpr int TEST_WORK_DIVISOR = SANITIZED_BUILD ? 4 : 1;
-
-inline void initTables() {
-    initBitboardConstants();
-    initHashCodeTables();
-}
 
 // Start points for random games and fuzzing: the usual perft positions, then en passant at
 // once, an en-passant capture that would bare the king, a crowd of queens, a FEN without its
@@ -53,10 +36,7 @@ inline const char* const TEST_FENS[] = {
     "4k3/1P6/8/8/8/8/6p1/4K3 b - - 0 1",
 };
 
-struct testPosition {
-    std::unique_ptr<positionStruct> pos = std::make_unique<positionStruct>();
-    std::vector<moveStruct> buffer = std::vector<moveStruct>(MOVE_BUFFER);
-
+struct testPosition : ownedPosition {
     explicit testPosition(const std::string& fen = fenStartPos) {
         initTables();
         set(fen);
@@ -64,10 +44,7 @@ struct testPosition {
     void set(const std::string& fen) {
         std::string error;
         EXPECT_TRUE(setPosition(fen, pos.get(), &error)) << fen << ": " << error;
-        pos->bindMoveBuffer(buffer.data());
     }
-    positionStruct* operator->() { return pos.get(); }
-    positionStruct* get() { return pos.get(); }
 };
 
 inline std::string dataPath(const std::string& rel) {
@@ -80,28 +57,6 @@ inline std::string dataPath(const std::string& rel) {
             GTEST_SKIP() << "test data missing: " << dataPath(rel)                \
                          << " (set QUORVANE_DATA_DIR to the shared data folder)"; \
     } while (0)
-
-// The legal moves at `ply`, with the generator's ordering keys.
-inline std::vector<moveStruct> legalMoves(positionStruct* pos, int ply = 0) {
-    setInCheck(u8(ply), pos);
-    generateMovesLegal(u8(ply), pos->plyStack[ply].moveListBegin, pos);
-    return {pos->plyStack[ply].moveListBegin, pos->plyStack[ply].moveListEnd};
-}
-
-inline moveStruct findMove(positionStruct* pos, const std::string& text, int ply = 0) {
-    for (const moveStruct& m : legalMoves(pos, ply))
-        if (moveToLA(&m, pos->sideToMove) == text)
-            return m;
-    return EMPTYMOVE;
-}
-
-// Plays a move as game history before the root, the way "position ... moves" does.
-inline void playAtRoot(positionStruct* pos, moveStruct m) {
-    makeMove(pos, 0, m);
-    pos->plyStack[0].castlingRights = pos->plyStack[1].castlingRights;
-    pos->plyStack[0].enPassantSquare = pos->plyStack[1].enPassantSquare;
-    setInCheck(0, pos);
-}
 
 // The first move of `moves` that is not legal in turn from `fen`; empty when all are.
 inline std::string firstIllegal(const std::string& fen, const std::vector<std::string>& moves) {
@@ -143,24 +98,6 @@ inline std::string placement(const std::string& board) {
     return fen;
 }
 
-// The FEN of a position (rights and en-passant square of ply 0).
-inline std::string fenOf(const positionStruct* pos) {
-    std::string board(64, '1');
-    for (int sq = 0; sq < 64; sq++)
-        board[sq] = pos->board[sq] ? fenLabelPieces[pos->board[sq]] : '1';
-    std::string fen = placement(board);
-    const plyStruct& p = pos->plyStack[0];
-    std::string rights;
-    for (int i : {0, 2, 1, 3})
-        if (p.castlingRights & (1 << i))
-            rights += "KkQq"[i];
-    fen += std::string(pos->sideToMove == WHITE ? " w " : " b ") + (rights.empty() ? "-" : rights)
-           + " ";
-    int ep = pos->sideToMove == WHITE ? p.enPassantSquare + 8 : p.enPassantSquare - 8;
-    return fen + (p.enPassantSquare ? squareToString(ep) : "-") + " "
-           + std::to_string(pos->halfMoveClock) + " 1";
-}
-
 // The same position with the board flipped, colours and side to move exchanged.
 inline std::string mirrorFen(const std::string& fen) {
     std::istringstream in(fen);
@@ -184,15 +121,6 @@ inline std::string mirrorFen(const std::string& fen) {
     if (ep != "-")
         ep[1] = char('1' + '8' - ep[1]);
     return out + (side == "w" ? " b " : " w ") + (rights.empty() ? "-" : rights) + " " + ep + rest;
-}
-
-// The words of a line, split at white space.
-inline std::vector<std::string> words(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> w;
-    for (std::string t; in >> t;)
-        w.push_back(t);
-    return w;
 }
 
 // The fuzzers' seed: fixed for reproducibility; QUORVANE_FUZZ_SEED picks another.
@@ -250,13 +178,6 @@ inline std::vector<std::string> readEpd(const std::string& rel, size_t limit) {
             fens.push_back(f[0] + " " + f[1] + " " + f[2] + " " + f[3] + " 0 1");
     }
     return fens;
-}
-
-// A whole text file (a tool's report, standard error captured in a file).
-inline std::string readTextFile(const std::string& path) {
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
 }
 
 // Every field that make/take-back must restore, as bytes.

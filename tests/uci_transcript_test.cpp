@@ -2,9 +2,6 @@
 // line for line. Each test starts its own engine process.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "engine_process.h"
 
 namespace {
@@ -166,17 +163,13 @@ TEST(UciTranscript, BadInputKeepsThePosition) {
 }
 
 TEST(UciTranscript, RtestReadsAFile) {
-    namespace fs = std::filesystem;
-    fs::path dir = fs::path(testing::TempDir()) / "quorvane_rtest";
-    fs::create_directories(dir);
-    const std::string start = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
-    std::ofstream(dir / "perft.txt") << start << ";2;400\n"
-                                     << start << ";1;21\n"
-                                     << start << ";2x;400\n"  // numbers must be whole
-                                     << start << ";1;-1\nfull\n"
-                                     << start << ";9;1\n";
+    scratchFolder dir;
+    const std::string start = fenStartPos;
+    dir.write("perft.txt", start + ";2;400\n" + start + ";1;21\n" + start
+                               + ";2x;400\n"  // numbers must be whole
+                               + start + ";1;-1\nfull\n" + start + ";9;1\n");
     engineOptionsStruct opts;
-    opts.workDir = dir.string();
+    opts.workDir = dir.path.string();
     session s(opts);
     auto reply = s.ask("rtest");  // without an argument: perft.txt in the working directory
     ASSERT_EQ(reply.size(), 5u);
@@ -191,18 +184,16 @@ TEST(UciTranscript, RtestReadsAFile) {
 // The shipped command over the repository's reference lines: the count the user sees comes
 // from the generators and make/take-back the search plays with, so a fault there shows here.
 TEST(UciTranscript, RtestPassesTheRepositoryLines) {
-    namespace fs = std::filesystem;
-    fs::path dir = fs::path(testing::TempDir()) / "quorvane_rtest_repository";
-    fs::create_directories(dir);
-    fs::copy_file(fs::path(QUORVANE_SOURCE_DIR) / "tests" / "perft.txt", dir / "perft.txt",
-                  fs::copy_options::overwrite_existing);
-    std::ifstream in(dir / "perft.txt");
+    scratchFolder dir;
+    const std::string reference = readTextFile(QUORVANE_SOURCE_DIR "/tests/perft.txt");
+    dir.write("perft.txt", reference);
+    std::istringstream in(reference);
     lines expected;
     for (std::string line; std::getline(in, line);)
         expected.push_back("1; " + line.substr(0, line.find(';')) + "; ");
     ASSERT_GT(expected.size(), 10u);
     engineOptionsStruct opts;
-    opts.workDir = dir.string();
+    opts.workDir = dir.path.string();
     session s(opts);
     auto reply = s.ask("rtest");
     ASSERT_EQ(reply.size(), expected.size() + 1);

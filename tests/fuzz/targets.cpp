@@ -29,7 +29,7 @@
 #include "tuning/texel.h"
 #include "tuning/weightsfile.h"
 
-#include "../position_bytes.h"
+#include "../test_core.h"
 #include "uci/uci.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -67,40 +67,12 @@ std::string textOf(const uint8_t* data, size_t size) {
     return std::string(reinterpret_cast<const char*>(data), size);
 }
 
-void initOnce() {
-    static bool done = false;
-    if (!done) {
-        initBitboardConstants();
-        initHashCodeTables();
-        done = true;
-    }
-}
-
 // A folder of this process for the files the readers open, removed with the process's
 // statics at exit. (An atexit handler registered while the path was being built ran after
 // the path was destroyed: Windows' runtime crashed there, glibc read freed memory.)
-struct scratchFolder {
-    fs::path path;
-    scratchFolder() {
-        std::random_device rd;
-        path = fs::temp_directory_path() / ("quorvane-fuzz-" + std::to_string(rd()));
-        fs::create_directories(path);
-    }
-    ~scratchFolder() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-};
-
-const fs::path& scratchDir() {
+const scratchFolder& scratch() {
     static const scratchFolder folder;
-    return folder.path;
-}
-
-std::string writeScratch(const std::string& name, const std::string& bytes) {
-    const fs::path file = scratchDir() / name;
-    std::ofstream(file, std::ios::binary) << bytes;
-    return file.string();
+    return folder;
 }
 
 // The bytes the readers' text-mode streams deliver from a file holding `bytes`: on Windows
@@ -121,98 +93,23 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// A position with its own move buffer.
-struct ownedPosition {
-    std::unique_ptr<positionStruct> pos = std::make_unique<positionStruct>();
-    std::vector<moveStruct> buffer = std::vector<moveStruct>(MOVE_BUFFER);
-    positionStruct* get() {
-        pos->bindMoveBuffer(buffer.data());
-        return pos.get();
-    }
-};
-
-// ---------------------------------------------------------------------------------------
-// Position checks shared by the harnesses.
-
 // The fields that make and take-back restore and that a FEN describes, as bytes.
 std::string boardState(const positionStruct* p, int ply = 0) { return positionBytes(p, false, ply); }
 
-// Keys, material, piece-square sums and phase rebuilt from the board equal the position's
-// own; the bitboards match the board; one king each; the side not to move is not in
-// check; the last key of the history is the current key. `ply` holds the rights and
-// en-passant square in force.
 void checkConsistent(positionStruct* pos, int ply, const std::string& where, bool history = true) {
-    plyStruct& p0 = pos->plyStack[0];
-    const u8 rights = p0.castlingRights, ep = p0.enPassantSquare;
-    p0.castlingRights = pos->plyStack[ply].castlingRights;
-    p0.enPassantSquare = pos->plyStack[ply].enPassantSquare;
-    const u64 key = calcHashKey(0, pos);
-    p0.castlingRights = rights;
-    p0.enPassantSquare = ep;
-    if (key != pos->hashKey)
-        fail(where + ": hash key differs from the one rebuilt from the board");
-    if (calcPawnKey(pos) != pos->pawnKey)
-        fail(where + ": pawn key differs from the one rebuilt from the board");
-    if (pos->gamePly < 1 || pos->gamePly > KEY_HISTORY
-        || (history && pos->keyHistory[pos->gamePly - 1] != pos->hashKey))
-        fail(where + ": key history does not end in the current key");
-    const i32 m0 = pos->material[0], m1 = pos->material[1];
-    const i32 s0 = pos->psqScore[0], s1 = pos->psqScore[1];
-    const u16 phase = pos->phase;
-    calcScores(pos);
-    if (m0 != pos->material[0] || m1 != pos->material[1] || s0 != pos->psqScore[0]
-        || s1 != pos->psqScore[1] || phase != pos->phase)
-        fail(where + ": material, piece-square sums or phase differ from the rebuilt ones");
-    bitboard fromBoard[14] = {};
-    for (int sq = 0; sq < 64; sq++)
-        if (const int pc = pos->board[sq]) {
-            if (pc < WPAWN || pc > BKING)
-                fail(where + ": bad piece code on the board");
-            fromBoard[pc] |= bb(sq);
-            fromBoard[pc & 1] |= bb(sq);
-        }
-    if (std::memcmp(fromBoard, pos->bitboards, sizeof fromBoard) != 0)
-        fail(where + ": bitboards differ from the board");
-    if (popCount(pos->bitboards[WKING]) != 1 || popCount(pos->bitboards[BKING]) != 1)
-        fail(where + ": not one king per side");
-    const int them = pos->sideToMove ^ 1;
-    if (squareAttacked(pos, pos->kingSquare(them), them ^ 1, pos->occupied()))
-        fail(where + ": the side not to move is in check");
+    const std::string wrong = inconsistency(pos, ply, history);
+    if (!wrong.empty())
+        fail(where + ": " + wrong);
 }
 
-// The FEN of a position (rights and en-passant square of ply 0). Unlike fenFields() it
-// keeps an en-passant square that no pawn can take, as the reader does.
-std::string fenOf(const positionStruct* pos) {
-    std::string fen = fenFields(pos);
-    fen.erase(fen.rfind(' '));
-    const int ep = pos->plyStack[0].enPassantSquare;
-    fen += ep ? " " + squareToString(pos->sideToMove == WHITE ? ep + 8 : ep - 8) : " -";
-    const int fullMove = std::max(1, (pos->gamePly - 1 - pos->sideToMove) / 2 + 1);
-    return fen + " " + std::to_string(pos->halfMoveClock) + " " + std::to_string(fullMove);
-}
-
-// The legal moves at ply 0.
-std::vector<moveStruct> legalMoves(positionStruct* pos) {
-    setInCheck(0, pos);
-    generateMovesLegal(0, pos->plyStack[0].moveListBegin, pos);
-    return {pos->plyStack[0].moveListBegin, pos->plyStack[0].moveListEnd};
-}
-
-// Leaf count through the legal generator and make/take-back: the check of perft().
-u64 slowPerft(positionStruct* pos, int ply, int depth) {
-    plyStruct& ps = pos->plyStack[ply];
-    setInCheck(u8(ply), pos);
-    generateMovesLegal(u8(ply), ps.moveListBegin, pos);
-    if (depth <= 1)
-        return u64(ps.moveListEnd - ps.moveListBegin);
-    pos->plyStack[ply + 1].moveListBegin = ps.moveListEnd;
-    u64 n = 0;
-    for (moveStruct* m = ps.moveListBegin; m < ps.moveListEnd; m++) {
-        makeMove(pos, ply, *m);
-        n += slowPerft(pos, ply + 1, depth - 1);
-        takeBack(pos, ply, *m);
-    }
-    return n;
+// A position a reader put out, read back by the FEN reader and checked from scratch.
+positionStruct* readBack(const std::string& fen, const std::string& what) {
+    static ownedPosition owned;
+    std::string error;
+    if (!setPosition(fen, owned.get(), &error))
+        fail(what + " '" + fen + "' is refused: " + error);
+    checkConsistent(owned.get(), 0, what + " '" + fen + "'");
+    return owned.get();
 }
 
 }  // namespace
@@ -225,9 +122,9 @@ void setFuzzFailureHandler(fuzzFailureFn handler) {
 // FEN reader.
 
 int fuzzFen(const uint8_t* data, size_t size) {
-    initOnce();
+    initTables();
     const std::string fen = textOf(data, size);
-    static ownedPosition owned, again;
+    static ownedPosition owned;
     positionStruct* pos = owned.get();
     std::string error;
     if (!setPosition(fen, pos, &error)) {
@@ -249,17 +146,15 @@ int fuzzFen(const uint8_t* data, size_t size) {
     // Every legal move makes and takes back to the same position, and the position after
     // it is consistent; the legal count agrees with perft's own count.
     const std::string before = boardState(pos);
+    if (const std::string wrong = legalListFault(pos, 0); !wrong.empty())
+        fail("'" + fen + "': " + wrong);
+    if (pos->gamePly > 513)
+        fail("'" + fen + "': game ply past the reader's 512 plies");
     const std::vector<moveStruct> moves = legalMoves(pos);
-    std::set<u32> seen;
-    pos->plyStack[1].moveListBegin = pos->plyStack[0].moveListEnd;
     for (const moveStruct& m : moves) {
-        if (!seen.insert(m.packed() & 0xFFFFFF).second)
-            fail("move listed twice in '" + fen + "'");
         const int us = pos->sideToMove;
         makeMove(pos, 0, m);
-        checkConsistent(pos, 1, "'" + fen + "' after " + moveToLA(&m, u8(us)));
-        if (squareAttacked(pos, pos->kingSquare(us), us ^ 1, pos->occupied()))
-            fail("'" + fen + "': " + moveToLA(&m, u8(us)) + " leaves the king attacked");
+        checkConsistent(pos, 1, "'" + fen + "' after " + moveToLA(&m, u8(us)));  // own king safe
         takeBack(pos, 0, m);
         if (boardState(pos) != before)
             fail("'" + fen + "': " + moveToLA(&m, u8(us)) + " does not take back");
@@ -270,9 +165,7 @@ int fuzzFen(const uint8_t* data, size_t size) {
 
     // The FEN written back reads back to the same position.
     const std::string written = fenOf(pos);
-    if (!setPosition(written, again.get(), &error))
-        fail("'" + fen + "' written back as '" + written + "' is refused: " + error);
-    if (boardState(again.get()) != before)
+    if (boardState(readBack(written, "'" + fen + "' written back as")) != before)
         fail("'" + fen + "' written back as '" + written + "' reads as another position");
     return 0;
 }
@@ -299,30 +192,6 @@ std::string takeOutput() {
 
 bool startsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
-// An integer as the command loop reads it (sign, digits only), pinned to +-2^31.
-bool wholeNumber(const std::string& s, long long& v) {
-    size_t i = !s.empty() && (s[0] == '-' || s[0] == '+');
-    if (i == s.size())
-        return false;
-    v = 0;
-    for (size_t k = i; k < s.size(); k++) {
-        if (s[k] < '0' || s[k] > '9')
-            return false;
-        v = std::min(v * 10 + (s[k] - '0'), 1LL << 40);
-    }
-    if (s[0] == '-')
-        v = -v;
-    return true;
-}
-
-std::vector<std::string> wordsOf(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> w;
-    for (std::string t; in >> t;)
-        w.push_back(t);
-    return w;
-}
-
 std::string joined(const std::vector<std::string>& w) {
     std::string s;
     for (const std::string& t : w)
@@ -335,7 +204,7 @@ std::string joined(const std::vector<std::string>& w) {
 // 2, tablebases only from the shared folder, and no "quit", "bench", "rtest" or "texel"
 // (long runs or files of their own; the file readers have their own harnesses).
 std::string boundedLine(const std::string& line) {
-    std::vector<std::string> w = wordsOf(line);
+    std::vector<std::string> w = words(line);
     if (w.empty())
         return line;
     const std::string cmd = w[0];
@@ -407,17 +276,12 @@ bool expectedPosition(const std::vector<std::string>& w, ownedPosition& out, std
     }
     positionStruct* pos = out.get();
     for (i++; i < w.size(); i++) {
-        moveStruct found = EMPTYMOVE;
-        for (const moveStruct& m : legalMoves(pos))
-            if (moveToLA(&m, pos->sideToMove) == w[i])
-                found = m;
+        const moveStruct found = findMove(pos, w[i]);
         if (found.empty()) {
             refusal = "info string illegal or malformed move " + w[i] + ", moves after it ignored";
             break;
         }
-        makeMove(pos, 0, found);
-        pos->plyStack[0].castlingRights = pos->plyStack[1].castlingRights;
-        pos->plyStack[0].enPassantSquare = pos->plyStack[1].enPassantSquare;
+        playAtRoot(pos, found);
     }
     return true;
 }
@@ -437,7 +301,7 @@ bool confirmation(const std::string& line) {
 void resetCommandLoop() {
     static bool started = false;
     if (!started) {
-        initOnce();
+        initTables();
         GPSData.bindMoveBuffer(GMS);
         executeCommand("setoption name Threads value 1");
         executeCommand("setoption name Hash value 1");
@@ -466,7 +330,7 @@ int fuzzUci(const uint8_t* data, size_t size) {
         const std::string line = boundedLine(raw);
         if (line.empty() && !raw.empty())
             continue;
-        const std::vector<std::string> w = wordsOf(line);
+        const std::vector<std::string> w = words(line);
         const std::string cmd = w.empty() ? "" : w[0];
         const std::string before = commandPositionState();
         executeCommand(line);
@@ -495,12 +359,8 @@ int fuzzUci(const uint8_t* data, size_t size) {
             const std::string& last = lines.empty() ? "" : lines.back();
             if (!startsWith(last, "bestmove "))
                 fail(where + ": no bestmove at the end:\n" + out);
-            const std::string move = wordsOf(last).size() > 1 ? wordsOf(last)[1] : "";
-            std::vector<moveStruct> legal = legalMoves(&GPSData);
-            bool found = legal.empty() && move == "a1a1";
-            for (const moveStruct& m : legal)
-                found |= moveToLA(&m, GPSData.sideToMove) == move;
-            if (!found)
+            const std::string move = words(last).size() > 1 ? words(last)[1] : "";
+            if (findMove(&GPSData, move).empty() && (move != "a1a1" || !legalMoves(&GPSData).empty()))
                 fail(where + ": bestmove " + move + " is not legal");
         } else if (cmd == "position") {
             std::string refusal;
@@ -614,7 +474,7 @@ void discardText(const std::string&) {}
 }  // namespace
 
 int fuzzSyzygy(const uint8_t* data, size_t size) {
-    initOnce();
+    initTables();
     if (size < 6)
         return 0;
     const std::string name = SYZYGY_FUZZ_TABLES[data[0] % SYZYGY_FUZZ_TABLE_COUNT];
@@ -624,7 +484,7 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
     wdlSize = std::min(wdlSize, size - 6);
     const std::string wdl = textOf(data + 6, wdlSize), dtz = textOf(data + 6 + wdlSize, size - 6 - wdlSize);
 
-    static const fs::path dir = scratchDir() / "syzygy";
+    static const fs::path dir = scratch().path / "syzygy";
     static bool made = fs::create_directories(dir);
     (void)made;
     for (const fs::directory_entry& f : fs::directory_iterator(dir))
@@ -686,9 +546,9 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
 // File readers.
 
 int fuzzEpd(const uint8_t* data, size_t size) {
-    initOnce();
+    initTables();
     const std::string text = asTextFile(textOf(data, size));
-    const std::string file = writeScratch("positions.epd", text);
+    const std::string file = scratch().write("positions.epd", text);
     std::vector<texelPosStruct> loaded;
     std::vector<float> labels;
     int skipped = -1;
@@ -699,13 +559,10 @@ int fuzzEpd(const uint8_t* data, size_t size) {
         nonEmpty += !line.empty();
     if (loaded.size() + size_t(skipped) != nonEmpty || labels.size() != loaded.size())
         fail("kept and skipped lines do not add up to the lines of the file");
-    static ownedPosition pos;
     for (const texelPosStruct& t : loaded) {
         if (t.result != 0 && t.result != 0.5 && t.result != 1)
             fail("result " + std::to_string(t.result) + " of '" + t.fen + "'");
-        if (!setPosition(t.fen, pos.get()))
-            fail("kept position '" + t.fen + "' does not read");
-        evaluateN(0, pos.get());
+        evaluateN(0, readBack(t.fen, "kept position"));
     }
     return 0;
 }
@@ -758,22 +615,18 @@ int fuzzWeights(const uint8_t* data, size_t size) {
 }
 
 int fuzzPerftFile(const uint8_t* data, size_t size) {
-    initOnce();
+    initTables();
     // Depths above 2 become 2, so that no test runs long.
     std::string text;
     std::vector<std::string> lines = splitLines(asTextFile(textOf(data, size)));
     for (std::string& line : lines) {
         const size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
-        if (b != std::string::npos) {
-            try {
-                if (std::stoi(line.substr(a + 1, b - a - 1)) > 2)
-                    line.replace(a + 1, b - a - 1, "2");
-            } catch (const std::exception&) {
-            }
-        }
+        long long depth;
+        if (b != std::string::npos && wholeNumber(line.substr(a + 1, b - a - 1), depth) && depth > 2)
+            line.replace(a + 1, b - a - 1, "2");
         text += line + "\n";
     }
-    const std::string file = writeScratch("perft.txt", text);
+    const std::string file = scratch().write("perft.txt", text);
     std::ostringstream report;
     int testsRun = 0;
     const bool allPassed = runPerftFile(file, report, &testsRun);
@@ -792,7 +645,6 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
     if (out.size() != tests.size() + 1
         || out.back() != std::string("Results of the perft checks is OK: ") + (allPassed ? "1" : "0"))
         fail("perft report does not hold one line per test and the summary:\n" + report.str());
-    static ownedPosition pos;
     int readable = 0;
     bool passed = true;
     for (size_t i = 0; i < tests.size(); i++) {
@@ -808,10 +660,9 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
             next = r.find("; ", at);
             f.push_back(r.substr(at, next == std::string::npos ? next : next - at));
         }
-        std::string error;
-        if (f.size() != 6 || !setPosition(f[1], pos.get(), &error))
+        if (f.size() != 6)
             fail("perft result line '" + r + "' for '" + tests[i] + "'");
-        const u64 count = slowPerft(pos.get(), 0, std::stoi(f[2]));
+        const u64 count = slowPerft(readBack(f[1], "perft result line"), 0, std::stoi(f[2]));
         if (f[4] != std::to_string(count) || (f[0] == "1") != (f[3] == f[4]))
             fail("perft result line '" + r + "': the legal move tree holds " + std::to_string(count));
         passed &= f[0] == "1";
@@ -822,7 +673,7 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
 }
 
 int fuzzPgn(const uint8_t* data, size_t size) {
-    initOnce();
+    initTables();
     std::istringstream in(textOf(data, size));
     std::unordered_set<std::string> seen;
     std::ostringstream out, log;
@@ -832,21 +683,18 @@ int fuzzPgn(const uint8_t* data, size_t size) {
     if (counts.used > counts.games || long(lines.size()) != counts.written
         || long(splitLines(log.str()).size()) != counts.unreadable)
         fail("counts disagree with the output:\n" + out.str() + log.str());
-    static ownedPosition pos;
     std::set<std::string> fens;
     for (const std::string& line : lines) {
         // "<4 FEN fields> c9 "<result>";", read back as the tuner reads it.
-        const std::vector<std::string> w = wordsOf(line);
+        const std::vector<std::string> w = words(line);
         if (w.size() != 6 || w[4] != "c9"
             || (w[5] != "\"1-0\";" && w[5] != "\"0-1\";" && w[5] != "\"1/2-1/2\";"))
             fail("output line '" + line + "'");
         const std::string fen = joined({w.begin(), w.begin() + 4});
-        std::string error;
-        if (!setPosition(fen, pos.get(), &error))
-            fail("written position '" + fen + "' is refused: " + error);
-        if (fenFields(pos.get()) != fen)
-            fail("written position '" + fen + "' reads back as '" + fenFields(pos.get()) + "'");
-        if (inCheckNow(pos.get()))
+        positionStruct* pos = readBack(fen, "written position");
+        if (fenFields(pos) != fen)
+            fail("written position '" + fen + "' reads back as '" + fenFields(pos) + "'");
+        if (inCheckNow(pos))
             fail("written position '" + fen + "' is in check");
         if (!fens.insert(fen).second)
             fail("position '" + fen + "' written twice");
