@@ -18,28 +18,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A random legal placement of a table's material (the first side of the name White or
-// Black at random) as a FEN, and the probing position it reads as.
-std::string randomFen(const std::string& name, std::mt19937& rng) {
-    static auto scratch = std::make_unique<positionStruct>();
-    for (;;) {
-        std::string board(64, '1'), fen;
-        int white = int(rng() & 1);
-        for (char c : name) {
-            size_t sq = rng() % 64;
-            while (c != 'v' && board[sq] != '1')
-                sq = rng() % 64;
-            white ^= c == 'v';
-            if (c != 'v')
-                board[sq] = white ? c : char(c ^ 32);
-        }
-        fen = placement(board) + (rng() & 1 ? " w - - 0 1" : " b - - 0 1");
-        // The reader refuses pawns on the back ranks and the side not to move in check.
-        if (setPosition(fen, scratch.get()))
-            return fen;
-    }
-}
-
 tb_pos probePos(const std::string& fen) {
     testPosition tp(fen);
     tb_pos p;
@@ -119,7 +97,7 @@ TEST_F(Tablebase, RandomPositionsAgreeWithTheirMoves) {
     std::mt19937 rng(20240605);
     for (const std::string& name : names)
         for (int k = 0; k < 60; k++) {
-            std::string fen = randomFen(name, rng);
+            std::string fen = randomTableFen(name, rng);
             if (!checkAgainstMoves(probePos(fen), fen))
                 break;
         }
@@ -137,7 +115,7 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
         tb_pos p;
         int ok;
         do
-            p = probePos(start = randomFen(table, rng));
+            p = probePos(start = randomTableFen(table, rng));
         while (probe_wdl(p, &ok) != 2 || probe_dtz(p, &ok) > 100);
         tp.set(start);
         const int winner = tp->sideToMove;
@@ -162,7 +140,7 @@ TEST_F(Tablebase, RootAdapterWinsAndResists) {
     int losses = 0;
     for (const std::string& name : registeredNames())
         for (int k = 0; k < 12; k++) {
-            const std::string fen = randomFen(name, rng);
+            const std::string fen = randomTableFen(name, rng);
             tb_pos p = probePos(fen), child, other;
             tb_move moves[TB_MAX_MOVES];
             int ok, n = tb_legal_moves(p, moves);
@@ -269,7 +247,7 @@ TEST_F(TablebaseThreads, ConcurrentFirstUseAgrees) {
     for (const std::string& name : registeredNames())
         for (int k = 0; k < 20; k++) {
             int ok;
-            positions.push_back(probePos(randomFen(name, rng)));
+            positions.push_back(probePos(randomTableFen(name, rng)));
             expected.push_back(probe_wdl(positions.back(), &ok));
         }
     loadTablebases();

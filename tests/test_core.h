@@ -1,6 +1,7 @@
 // What the GoogleTest files and the fuzz harnesses share: positions owning their move
-// buffer, state bytes, the from-scratch consistency check, FEN writing, legal moves, slow
-// perft, words and numbers, scratch files. No GoogleTest here: the harnesses build without it.
+// buffer, state bytes, the from-scratch checks, FEN writing, legal moves, slow perft,
+// random tablebase positions, words and numbers, scratch files. No GoogleTest here: the
+// harnesses build without it.
 #pragma once
 
 #include <algorithm>
@@ -115,6 +116,40 @@ inline std::string fenOf(const positionStruct* pos) {
     fen += ep ? squareToString(pos->sideToMove == WHITE ? ep + 8 : ep - 8) : "-";
     const int fullMove = std::max(1, (pos->gamePly - 1 - pos->sideToMove) / 2 + 1);
     return fen + " " + std::to_string(pos->halfMoveClock) + " " + std::to_string(fullMove);
+}
+
+// The placement field of a FEN from 64 characters indexed by square, '1' for empty ones.
+inline std::string placement(const std::string& board) {
+    std::string fen;
+    for (int sq = 56; sq >= 0; sq = sq % 8 == 7 ? sq - 15 : sq + 1) {
+        bool merge = board[sq] == '1' && !fen.empty() && fen.back() >= '1' && fen.back() < '8';
+        merge ? void(fen.back()++) : void(fen += board[sq]);
+        fen += sq % 8 == 7 && sq > 7 ? "/" : "";
+    }
+    return fen;
+}
+
+// A random legal placement of a table's material ("KRvKP", the side before the 'v' White
+// or Black at random) as a FEN with that half-move clock. The reader refuses pawns on the
+// back ranks and the side not to move in check: such draws are drawn again.
+inline std::string randomTableFen(const std::string& name, std::mt19937& rng, int clock = 0) {
+    static const std::unique_ptr<positionStruct> scratch = std::make_unique<positionStruct>();
+    for (;;) {
+        std::string board(64, '1');
+        int white = int(rng() & 1);
+        for (char c : name) {
+            size_t sq = rng() % 64;
+            while (c != 'v' && board[sq] != '1')
+                sq = rng() % 64;
+            white ^= c == 'v';
+            if (c != 'v')
+                board[sq] = white ? c : char(c ^ 32);
+        }
+        const std::string fen = placement(board) + (rng() & 1 ? " w - - " : " b - - ")
+                                + std::to_string(clock) + " 1";
+        if (setPosition(fen, scratch.get()))
+            return fen;
+    }
 }
 
 // The legal moves at `ply`, with the generator's ordering keys.

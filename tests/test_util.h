@@ -87,17 +87,6 @@ inline int whiteView(positionStruct* pos) {
     return pos->sideToMove == WHITE ? evaluateN(0, pos) : -evaluateN(0, pos);
 }
 
-// The placement field of a FEN from 64 characters indexed by square, '1' for empty ones.
-inline std::string placement(const std::string& board) {
-    std::string fen;
-    for (int sq = 56; sq >= 0; sq = sq % 8 == 7 ? sq - 15 : sq + 1) {
-        bool merge = board[sq] == '1' && !fen.empty() && fen.back() >= '1' && fen.back() < '8';
-        merge ? void(fen.back()++) : void(fen += board[sq]);
-        fen += sq % 8 == 7 && sq > 7 ? "/" : "";
-    }
-    return fen;
-}
-
 // The same position with the board flipped, colours and side to move exchanged.
 inline std::string mirrorFen(const std::string& fen) {
     std::istringstream in(fen);

@@ -1,26 +1,12 @@
 #include "targets.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <memory>
 #include <mutex>
-#include <random>
-#include <set>
-#include <sstream>
 #include <unordered_set>
-#include <vector>
 
-#include "board/bitboards.h"
-#include "board/makemove.h"
-#include "board/movegen.h"
 #include "board/output.h"
 #include "board/perft.h"
-#include "board/position.h"
-#include "board/zobrist.h"
 #include "engine/engine.h"
 #include "engine/workforce.h"
 #include "eval/evaluate.h"
@@ -252,9 +238,6 @@ std::string boundedLine(const std::string& line) {
     return joined(w);
 }
 
-// The command position's board, keys, side, rights, en-passant square and clock.
-std::string commandPositionState() { return boardState(&GPSData); }
-
 // What a "position" line should leave, worked out apart from the command loop: the
 // position, and the refusal line if any ("" when everything is played).
 bool expectedPosition(const std::vector<std::string>& w, ownedPosition& out, std::string& refusal) {
@@ -332,7 +315,7 @@ int fuzzUci(const uint8_t* data, size_t size) {
             continue;
         const std::vector<std::string> w = words(line);
         const std::string cmd = w.empty() ? "" : w[0];
-        const std::string before = commandPositionState();
+        const std::string before = boardState(&GPSData);
         executeCommand(line);
         if (cmd == "go")
             theWorkForce.waitSearchEnd();
@@ -369,19 +352,17 @@ int fuzzUci(const uint8_t* data, size_t size) {
                 fail(where + ": expected '" + refusal + "', got:\n" + out);
             if (refusal.empty() && !out.empty())
                 fail(where + ": unexpected output:\n" + out);
-            const std::string now = commandPositionState();
+            const std::string now = boardState(&GPSData);
             if (!kept ? now != before : now != boardState(expected.get()))
                 fail(where + ": the command position is not the one the line describes");
-        } else if (commandPositionState() != before) {
+        } else if (boardState(&GPSData) != before) {
             fail(where + ": the command position changed");
         }
-        if (cmd.empty() || (cmd != "position" && cmd != "go" && cmd != "stop" && cmd != "ponderhit"
-                            && cmd != "ucinewgame" && cmd != "uci" && cmd != "setoption"
-                            && cmd != "isready" && cmd != "perft" && cmd != "showboard"
-                            && cmd != "evil" && cmd != "eval" && cmd != "help" && cmd != "bench")) {
-            if (out != "Unknown command\n")
-                fail(where + ": an unknown command answers '" + out + "'");
-        }
+        const std::string known = " position go stop ponderhit ucinewgame uci setoption isready "
+                                  "perft showboard evil eval help bench ";
+        if ((cmd.empty() || known.find(" " + cmd + " ") == std::string::npos)
+            && out != "Unknown command\n")
+            fail(where + ": an unknown command answers '" + out + "'");
     }
     setTextSink(nullptr);
     return 0;
@@ -407,68 +388,6 @@ std::string syzygyInput(int table, int seed, const std::string& wdl, const std::
 
 namespace {
 
-int letterType(char c) {
-    const char* at = std::strchr(" PNBRQK", c);
-    return at && c ? int(at - " PNBRQK") : 0;
-}
-
-// A legal position of the table's material (colours as named, or swapped). With four
-// pieces the side to move can capture nothing: a capture would probe a three-piece table,
-// which the harness's folder lacks (three-piece captures leave two kings, which need no
-// table). False when the random placement fails.
-bool randomTbPosition(const std::string& name, std::mt19937& rng, tb_pos& p) {
-    p = tb_pos{};
-    const int swap = int(rng() % 2);
-    int colour = swap;
-    for (char c : name) {
-        if (c == 'v') {
-            colour ^= 1;
-            continue;
-        }
-        const int type = letterType(c);
-        bitboard free = ~(p.colour[0] | p.colour[1]);
-        if (type == PAWN)
-            free &= ~(rankBB(0) | rankBB(7));
-        if (!free)
-            return false;
-        int sq;
-        do
-            sq = int(rng() % 64);
-        while (!(free & bb(sq)));
-        p.colour[colour] |= bb(sq);
-        p.type[type] |= bb(sq);
-    }
-    p.side = int(rng() % 2);
-    p.rule50 = int(rng() % 4) ? 0 : int(rng() % 100);
-    const int k0 = lsb(p.type[KING] & p.colour[0]), k1 = lsb(p.type[KING] & p.colour[1]);
-    if (kingAttackTable[k0] & bb(k1))
-        return false;
-    tb_pos flipped = p;
-    flipped.side ^= 1;
-    if (tb_in_check(flipped))  // the side not to move is in check
-        return false;
-    tb_move moves[TB_MAX_MOVES];
-    const int n = tb_legal_moves(p, moves);
-    for (int i = 0; i < n && name.size() > 4; i++)
-        if (moves[i].flags & TB_CAPTURE)
-            return false;
-    return true;
-}
-
-// The FEN of a probing position (no castling, no en passant).
-std::string fenOfTb(const tb_pos& p) {
-    std::string board(64, '1');
-    for (int sq = 0; sq < 64; sq++)
-        for (int t = PAWN; t <= KING; t++)
-            if (p.type[t] & bb(sq))
-                board[sq] = " PNBRQK"[t] ^ ((p.colour[BLACK] & bb(sq)) ? 32 : 0);
-    std::string fen;
-    for (int rank = 7; rank >= 0; rank--) {
-        fen += board.substr(size_t(8 * rank), 8) + (rank ? "/" : "");
-    }
-    return fen + (p.side == WHITE ? " w - - " : " b - - ") + std::to_string(p.rule50) + " 1";
-}
-
 void discardText(const std::string&) {}
 
 }  // namespace
@@ -484,24 +403,32 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
     wdlSize = std::min(wdlSize, size - 6);
     const std::string wdl = textOf(data + 6, wdlSize), dtz = textOf(data + 6 + wdlSize, size - 6 - wdlSize);
 
-    static const fs::path dir = scratch().path / "syzygy";
-    static bool made = fs::create_directories(dir);
-    (void)made;
-    for (const fs::directory_entry& f : fs::directory_iterator(dir))
+    static const scratchFolder tables;
+    for (const fs::directory_entry& f : fs::directory_iterator(tables.path))
         fs::remove(f.path());
-    std::ofstream(dir / (name + ".rtbw"), std::ios::binary) << wdl;
-    std::ofstream(dir / (name + ".rtbz"), std::ios::binary) << dtz;
-
+    tables.write(name + ".rtbw", wdl);
+    tables.write(name + ".rtbz", dtz);
     setTextSink(discardText);
-    init_tablebases(dir.string());
+    init_tablebases(tables.path.string());
     setTextSink(nullptr);
     if (TB_LARGEST != int(name.size()) - 1)
         fail(name + ": the table was not registered");
 
     std::mt19937 rng(data[1]);
     for (int probes = 0, tries = 0; probes < 8 && tries < 200; tries++) {
+        const int clock = rng() % 4 ? 0 : int(rng() % 100);
+        const std::string fen = randomTableFen(name, rng, clock);
+        positionStruct* pos = readBack(fen, name + ": probed position");
         tb_pos p;
-        if (!randomTbPosition(name, rng, p))
+        tb_move moves[TB_MAX_MOVES];
+        if (!tb_pos_from_position(pos, &p))
+            fail(name + ": " + fen + " has no probing position");
+        // With four pieces the side to move may capture nothing: that would probe a
+        // three-piece table, which the harness's folder lacks.
+        bool capture = false;
+        for (int i = 0, n = tb_legal_moves(p, moves); i < n; i++)
+            capture |= (moves[i].flags & TB_CAPTURE) != 0;
+        if (capture && name.size() > 4)
             continue;
         probes++;
         int success = 1;
@@ -515,28 +442,20 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
         if (success && (dtzValue < -1000 || dtzValue > 1000))
             fail(name + ": DTZ value " + std::to_string(dtzValue) + " out of range");
 
-        // The same position through the engine's adapters: the same WDL, and a root move
-        // that is legal.
-        static ownedPosition enginePos;
-        const std::string fen = fenOfTb(p);
-        if (!setPosition(fen, enginePos.get()))
-            fail(name + ": probed position " + fen + " is not a position");
-        positionStruct* pos = enginePos.get();
+        // Through the engine's adapters: the same WDL, and a legal root move.
         int engineSuccess;
         const int engineWdl = probeWDLPosition(pos, &engineSuccess);
         if (engineSuccess && engineWdl != wdlValue)
-            fail(name + ": " + fen + " has WDL " + std::to_string(wdlValue) + " and, from the engine's position, "
-                 + std::to_string(engineWdl));
+            fail(name + ": " + fen + " has WDL " + std::to_string(wdlValue)
+                 + " and, from the engine's position, " + std::to_string(engineWdl));
         setTextSink(discardText);
         const moveStruct best = syzygyProbeDTZ(0, pos);
         setTextSink(nullptr);
-        if (!best.empty()) {
-            bool legal = false;
-            for (const moveStruct& m : legalMoves(pos))
-                legal |= m.sameAs(best);
-            if (!legal)
-                fail(name + ": " + fen + ": the root move " + moveToLA(&best, pos->sideToMove) + " is not legal");
-        }
+        const std::vector<moveStruct> legal = legalMoves(pos);
+        if (!best.empty() && std::none_of(legal.begin(), legal.end(),
+                                          [&](const moveStruct& m) { return m.sameAs(best); }))
+            fail(name + ": " + fen + ": the root move " + moveToLA(&best, pos->sideToMove)
+                 + " is not legal");
     }
     init_tablebases("");
     return 0;
