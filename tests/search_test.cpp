@@ -204,61 +204,17 @@ std::vector<std::string> bookAndTactics(size_t book = 40, size_t tactics = 40) {
     return fens;
 }
 
-// Every legal move exactly once and nothing else; the hash move first; stages in order;
-// captures split by the exchange test.
-TEST_F(SearchTest, MovePickerHandsOutEachLegalMoveOnce) {
+// At each node of random games from the book and the tactical suite:
+// - the move picker hands out every legal move exactly once and nothing else, the hash move
+//   first, stages in order, captures split by the exchange test;
+// - the table-move test accepts exactly the legal moves with the right piece byte, also for
+//   moves of the previous position and random bytes;
+// - the check prediction agrees with the board.
+TEST_F(SearchTest, MovePickerTableMoveTestAndCheckPrediction) {
     REQUIRE_DATA("openings/openings.epd");
     std::mt19937 rng(7);
-    int inCheckNodes = 0, hashFirst = 0;
-    for (const std::string& fen : bookAndTactics())
-        randomWalk(load(fen), 25, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
-            for (int i = 0; i < 200; i++)  // random histories vary the quiet order
-                pos->mainHistory[2 + rng() % 12][rng() % 64] = i16(int(rng() % 16001) - 8000);
-            std::vector<moveStruct> others = searchMoves(pos);  // moves of another position
-            moveStruct prev = others[rng() % others.size()];
-            pos->plyStack[0].currentMove = prev;
-            makeMove(pos, 0, prev);
-            std::vector<moveStruct> legal = searchMoves(pos, 1);
-            others.insert(others.end(), legal.begin(), legal.end());
-            auto pick = [&] { return rng() % 5 == 0 ? EMPTYMOVE : others[rng() % others.size()]; };
-            const moveStruct hash = pick();
-            pos->plyStack[1].killer1 = pick();
-            pos->plyStack[1].killer2 = pick();
-            inCheckNodes += pos->plyStack[1].inCheck;
-            movePickerStruct mp;
-            initMovePicker(mp, pos, 1, hash);
-            std::vector<moveStruct> got;
-            int lastStage = 0;
-            for (moveStruct m; !(m = nextMove(mp)).empty(); got.push_back(m)) {
-                const int stage = pos->plyStack[1].pickStage;
-                ASSERT_TRUE(contains(legal, m) && !contains(got, m)
-                            && m.score == pos->board[m.from])
-                    << fen << " " << moveToLA(&m, pos->sideToMove)
-                    << (contains(got, m) ? " twice" : "");
-                if (got.empty() && contains(legal, hash) && hash.score == pos->board[hash.from]) {
-                    EXPECT_TRUE(stage == STAGE_HASH && m.sameAs(hash));
-                    hashFirst++;
-                }
-                EXPECT_TRUE(stage == STAGE_EVASIONS || stage >= lastStage);
-                lastStage = stage == STAGE_EVASIONS ? lastStage : stage;
-                if (stage == STAGE_CAPTURES || stage == STAGE_BAD_CAPTURES) {
-                    EXPECT_EQ(seeGoodCapture(pos, m), stage == STAGE_CAPTURES);
-                }
-            }
-            EXPECT_EQ(got.size(), legal.size()) << fen;
-            takeBack(pos, 0, prev);
-        });
-    EXPECT_GT(inCheckNodes, 10);
-    EXPECT_GT(hashFirst, 500);
-}
-
-// The table-move test accepts exactly the legal moves with the right piece byte, also for
-// moves of the previous position and random bytes; the check prediction agrees with the board.
-TEST_F(SearchTest, TableMoveTestAndCheckPrediction) {
-    REQUIRE_DATA("openings/openings.epd");
-    std::mt19937 rng(11);
     const u8 types[] = {0, 4, 6, 8, 10, 12, 13, 14, 15, 3};
-    int accepted = 0, checks = 0;
+    int inCheckNodes = 0, hashFirst = 0, accepted = 0, checks = 0;
     std::vector<moveStruct> previous;
     for (const std::string& fen : bookAndTactics())
         randomWalk(load(fen), 30, rng, [&](positionStruct* pos, const std::vector<moveStruct>&) {
@@ -287,7 +243,47 @@ TEST_F(SearchTest, TableMoveTestAndCheckPrediction) {
                 accepted += expected;
             }
             previous = legal;
+
+            // The picker one ply down, after a random move, with random histories (they
+            // vary the quiet order) and hash and killer moves of this or the last node.
+            for (int i = 0; i < 200; i++)
+                pos->mainHistory[2 + rng() % 12][rng() % 64] = i16(int(rng() % 16001) - 8000);
+            std::vector<moveStruct> others = legal;
+            moveStruct prev = others[rng() % others.size()];
+            pos->plyStack[0].currentMove = prev;
+            makeMove(pos, 0, prev);
+            std::vector<moveStruct> below = searchMoves(pos, 1);
+            others.insert(others.end(), below.begin(), below.end());
+            auto pick = [&] { return rng() % 5 == 0 ? EMPTYMOVE : others[rng() % others.size()]; };
+            const moveStruct hash = pick();
+            pos->plyStack[1].killer1 = pick();
+            pos->plyStack[1].killer2 = pick();
+            inCheckNodes += pos->plyStack[1].inCheck;
+            movePickerStruct mp;
+            initMovePicker(mp, pos, 1, hash);
+            std::vector<moveStruct> got;
+            int lastStage = 0;
+            for (moveStruct m; !(m = nextMove(mp)).empty(); got.push_back(m)) {
+                const int stage = pos->plyStack[1].pickStage;
+                ASSERT_TRUE(contains(below, m) && !contains(got, m)
+                            && m.score == pos->board[m.from])
+                    << fen << " " << moveToLA(&m, pos->sideToMove)
+                    << (contains(got, m) ? " twice" : "");
+                if (got.empty() && contains(below, hash) && hash.score == pos->board[hash.from]) {
+                    EXPECT_TRUE(stage == STAGE_HASH && m.sameAs(hash));
+                    hashFirst++;
+                }
+                EXPECT_TRUE(stage == STAGE_EVASIONS || stage >= lastStage);
+                lastStage = stage == STAGE_EVASIONS ? lastStage : stage;
+                if (stage == STAGE_CAPTURES || stage == STAGE_BAD_CAPTURES) {
+                    EXPECT_EQ(seeGoodCapture(pos, m), stage == STAGE_CAPTURES);
+                }
+            }
+            EXPECT_EQ(got.size(), below.size()) << fen;
+            takeBack(pos, 0, prev);
         });
+    EXPECT_GT(inCheckNodes, 10);
+    EXPECT_GT(hashFirst, 500);
     EXPECT_GT(accepted, 1000);
     EXPECT_GT(checks, 100);
 }
