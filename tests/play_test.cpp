@@ -213,8 +213,10 @@ TEST(SearchThreads, RapidGoStopCyclesLoseNoMove) {
 }
 
 // SyzygyPath set during a search is confirmed at once and loaded when the next "go" begins;
-// a won position of the tables is then answered at once, in one info line.
-TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
+// a won position of the tables is then answered at once, in one info line. Then a table
+// first opened by a search thread while the command loop waits for that search to end (the
+// WebAssembly console's search threads ask its main thread for file access).
+TEST(EngineTablebases, PathTakesEffectAtTheNextGoAndLoadsDuringAWait) {
     REQUIRE_DATA("syzygy/KQvK.rtbw");
     readyEngine e;
     e.send("go infinite");
@@ -226,7 +228,7 @@ TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
                                        + dataPath("syzygy")});
     e.send("stop");
     EXPECT_TRUE(readSearch(e).ended);
-    const std::string fen = "8/8/8/4k3/8/8/3QK3/8 w - - 0 1";
+    std::string fen = "8/8/8/4k3/8/8/3QK3/8 w - - 0 1";
     e.send("position fen " + fen);
     auto t0 = clockType::now();
     e.send("go wtime 60000 btime 60000");
@@ -236,22 +238,13 @@ TEST(EngineTablebases, PathTakesEffectAtTheNextGo) {
     expectLegalOutput(fen, out);
     ASSERT_EQ(out.info.size(), 1u);
     EXPECT_EQ(pvOf(out.info[0]), std::vector<std::string>{out.best}) << out.info[0];
-    EXPECT_EQ(e.finish(), 0);
-}
 
-// A table first opened by a search thread while the command loop waits for that search to
-// end (the WebAssembly console's search threads ask its main thread for file access).
-TEST(EngineTablebases, FirstProbeWhileTheLoopWaits) {
-    REQUIRE_DATA("syzygy/KQvK.rtbw");
-    readyEngine e;
-    ASSERT_TRUE(e.ask("setoption name SyzygyPath value " + dataPath("syzygy")));
-    const std::string fen = "8/8/8/4k3/8/8/3QK3/8 w - - 0 1";
-    // One write: the loop reads the next "position", which waits for the search, before
-    // the search has probed.
+    // One write: the loop reads the next "position", which waits for the search, before the
+    // search has probed its table (KRvK, not opened yet).
+    fen = "8/8/8/4k3/8/8/3RK3/8 w - - 0 1";
     ASSERT_TRUE(e.sendRaw("position fen " + fen + "\ngo infinite\nposition startpos\n"));
-    auto out = readSearch(e);
-    expectLegalOutput(fen, out);
-    e.send("go depth 1");   // from the start position: the loop runs on
+    expectLegalOutput(fen, readSearch(e));
+    e.send("go depth 1");  // from the start position: the loop runs on
     EXPECT_TRUE(readSearch(e).ended);
     EXPECT_EQ(e.finish(), 0);
 }
