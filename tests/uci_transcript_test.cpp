@@ -10,22 +10,24 @@ using lines = std::vector<std::string>;
 
 const lines BANNER = {"Quorvane 2.3 NOP", "by Ollivark", "", "enter 'help' to see the commands"};
 
-// Board diagram from eight rank strings (rank 8 first), blanks for empty squares.
-lines diagram(const std::vector<std::string>& ranks) {
+// The board diagram of a FEN's placement field, written out square by square.
+lines diagram(const std::string& placement) {
     const std::string sep = "+---+---+---+---+---+---+---+---+";
-    lines out = {sep};
-    for (const auto& r : ranks) {
-        std::string row;
-        for (char c : r)
-            row += std::string("| ") + c + " ";
-        out.push_back(row + "|");
-        out.push_back(sep);
+    lines out = {sep, ""};
+    for (char c : placement + "/") {
+        if (c == '/') {
+            out.back() += "|";
+            out.push_back(sep);
+            out.push_back("");
+        }
+        for (int i = 0; i < (std::isdigit(c) ? c - '0' : c != '/'); i++)
+            out.back() += std::string("| ") + (std::isdigit(c) ? ' ' : c) + " ";
     }
+    out.pop_back();
     return out;
 }
 
-const lines START_BOARD = diagram({"rnbqkbnr", "pppppppp", "        ", "        ", "        ",
-                                   "        ", "PPPPPPPP", "RNBQKBNR"});
+const lines START_BOARD = diagram("rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR");
 
 struct session {
     engineProcess engine;
@@ -113,17 +115,12 @@ TEST(UciTranscript, PositionCommand) {
         // The token after "startpos" is taken as the keyword and discarded unchecked.
         {"startpos e2e4", START_BOARD},
         {"startpos moves e2e4 e7e5 g1f3 b8c6",
-         diagram({"r bqkbnr", "pppp ppp", "  n     ", "    p   ", "    P   ", "     N  ",
-                  "PPPP PPP", "RNBQKB R"})},
+         diagram("r1bqkbnr/pppp1ppp/2n5/4p3/4P3/5N2/PPPP1PPP/RNBQKB1R")},
         {"fen r3k2r/8/8/8/8/8/8/R3K2R w KQkq - 0 1 moves e1g1 e8c8",
-         diagram({"  kr   r", "        ", "        ", "        ", "        ", "        ",
-                  "        ", "R    RK "})},
+         diagram("2kr3r/8/8/8/8/8/8/R4RK1")},
         {"startpos moves e2e4 a7a6 e4e5 d7d5 e5d6",
-         diagram({"rnbqkbnr", " pp pppp", "p  P    ", "        ", "        ", "        ",
-                  "PPPP PPP", "RNBQKBNR"})},
-        {"fen 8/1P6/8/8/8/8/2p5/k6K b - - 0 1 moves c2c1n b7b8r",
-         diagram({" R      ", "        ", "        ", "        ", "        ", "        ",
-                  "        ", "k n    K"})},
+         diagram("rnbqkbnr/1pp1pppp/p2P4/8/8/8/PPPP1PPP/RNBQKBNR")},
+        {"fen 8/1P6/8/8/8/8/2p5/k6K b - - 0 1 moves c2c1n b7b8r", diagram("1R6/8/8/8/8/8/8/k1n4K")},
     };
     for (const auto& [args, board] : cases) {
         EXPECT_EQ(s.ask("position " + args), lines{}) << args;
@@ -156,9 +153,7 @@ TEST(UciTranscript, BadInputKeepsThePosition) {
         auto reply = s.ask(std::string("position startpos moves g1f3 ") + bad + " b8c6");
         ASSERT_EQ(reply.size(), 1u) << bad;
         EXPECT_EQ(reply[0].rfind("info string ", 0), 0u) << reply[0];
-        EXPECT_EQ(s.board(), diagram({"rnbqkbnr", "pppppppp", "        ", "        ", "        ",
-                                      "     N  ", "PPPPPPPP", "RNBQKB R"}))
-            << bad;
+        EXPECT_EQ(s.board(), diagram("rnbqkbnr/pppppppp/8/8/8/5N2/PPPPPPPP/RNBQKB1R")) << bad;
     }
 }
 
