@@ -371,22 +371,15 @@ int fuzzUci(const uint8_t* data, size_t size) {
 // ---------------------------------------------------------------------------------------
 // Syzygy reader.
 
+namespace {
+
+// The tables the harness can name, in the order of its selector byte.
 const char* const SYZYGY_FUZZ_TABLES[] = {
     "KBvK",  "KNvK",  "KPvK",  "KQvK",  "KRvK",  "KBBvK", "KBNvK", "KBPvK", "KBvKB",
     "KBvKN", "KBvKP", "KNNvK", "KNPvK", "KNvKN", "KNvKP", "KPPvK", "KPvKP", "KQBvK",
     "KQNvK", "KQPvK", "KQQvK", "KQRvK", "KQvKB", "KQvKN", "KQvKP", "KQvKQ", "KQvKR",
     "KRBvK", "KRNvK", "KRPvK", "KRRvK", "KRvKB", "KRvKN", "KRvKP", "KRvKR",
 };
-const int SYZYGY_FUZZ_TABLE_COUNT = int(std::size(SYZYGY_FUZZ_TABLES));
-
-std::string syzygyInput(int table, int seed, const std::string& wdl, const std::string& dtz) {
-    std::string s{char(table), char(seed)};
-    for (int i = 0; i < 4; i++)
-        s += char((wdl.size() >> (8 * i)) & 255);
-    return s + wdl + dtz;
-}
-
-namespace {
 
 void discardText(const std::string&) {}
 
@@ -396,7 +389,7 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
     initTables();
     if (size < 6)
         return 0;
-    const std::string name = SYZYGY_FUZZ_TABLES[data[0] % SYZYGY_FUZZ_TABLE_COUNT];
+    const std::string name = SYZYGY_FUZZ_TABLES[data[0] % std::size(SYZYGY_FUZZ_TABLES)];
     size_t wdlSize = 0;
     for (int i = 0; i < 4; i++)
         wdlSize |= size_t(data[2 + i]) << (8 * i);
@@ -535,31 +528,26 @@ int fuzzWeights(const uint8_t* data, size_t size) {
 
 int fuzzPerftFile(const uint8_t* data, size_t size) {
     initTables();
-    // Depths above 2 become 2, so that no test runs long.
+    // Depths above 2 become 2, so that no test runs long. The report answers each line up
+    // to the end marker but the empty ones.
     std::string text;
-    std::vector<std::string> lines = splitLines(asTextFile(textOf(data, size)));
-    for (std::string& line : lines) {
+    std::vector<std::string> tests;
+    bool ended = false;
+    for (std::string line : splitLines(asTextFile(textOf(data, size)))) {
         const size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
         long long depth;
         if (b != std::string::npos && wholeNumber(line.substr(a + 1, b - a - 1), depth) && depth > 2)
             line.replace(a + 1, b - a - 1, "2");
         text += line + "\n";
-    }
-    const std::string file = scratch().write("perft.txt", text);
-    std::ostringstream report;
-    int testsRun = 0;
-    const bool allPassed = runPerftFile(file, report, &testsRun);
-
-    // One result line per test line up to the end marker, then the summary.
-    std::vector<std::string> tests;
-    for (std::string line : lines) {
         if (!line.empty() && line.back() == '\r')
             line.pop_back();
-        if (line == "full" || line == "extended")
-            break;
-        if (!line.empty())
+        ended |= line == "full" || line == "extended";
+        if (!ended && !line.empty())
             tests.push_back(line);
     }
+    std::ostringstream report;
+    int testsRun = 0;
+    const bool allPassed = runPerftFile(scratch().write("perft.txt", text), report, &testsRun);
     const std::vector<std::string> out = splitLines(report.str());
     if (out.size() != tests.size() + 1
         || out.back() != std::string("Results of the perft checks is OK: ") + (allPassed ? "1" : "0"))

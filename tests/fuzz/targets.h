@@ -22,8 +22,9 @@ int fuzzFen(const uint8_t* data, size_t size);
 // Lines for the command loop, run in-process with bounded searches and no "quit": the
 // command position stays consistent and every refusal is one "info string" line.
 int fuzzUci(const uint8_t* data, size_t size);
-// A table name selector, a position seed and the bytes of a WDL and a DTZ file
-// (syzygyInput() below): both are loaded and probed on positions of that material.
+// A table selector byte (SYZYGY_FUZZ_TABLES in targets.cpp), a position seed byte, the
+// WDL file's length (4 bytes, little-endian), the WDL file, then the DTZ file: both files
+// are loaded and probed on positions of that material.
 int fuzzSyzygy(const uint8_t* data, size_t size);
 // A file of labelled positions for the "texel" command and the tuner.
 int fuzzEpd(const uint8_t* data, size_t size);
@@ -43,11 +44,3 @@ inline constexpr fuzzTargetStruct FUZZ_TARGETS[] = {
     {"epd", fuzzEpd},         {"weights", fuzzWeights},   {"perftfile", fuzzPerftFile},
     {"pgn", fuzzPgn},
 };
-
-// The tables the Syzygy harness can name, in the order of its selector byte.
-extern const char* const SYZYGY_FUZZ_TABLES[];
-extern const int SYZYGY_FUZZ_TABLE_COUNT;
-
-// An input of the Syzygy harness: selector, seed, WDL length (4 bytes, little-endian),
-// the WDL file, then the DTZ file.
-std::string syzygyInput(int table, int seed, const std::string& wdl, const std::string& dtz);
