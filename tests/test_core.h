@@ -145,8 +145,8 @@ inline std::string randomTableFen(const std::string& name, std::mt19937& rng, in
             if (c != 'v')
                 board[sq] = white ? c : char(c ^ 32);
         }
-        const std::string fen = placement(board) + (rng() & 1 ? " w - - " : " b - - ")
-                                + std::to_string(clock) + " 1";
+        const std::string fen =
+            placement(board) + (rng() & 1 ? " w - - " : " b - - ") + std::to_string(clock) + " 1";
         if (setPosition(fen, scratch.get()))
             return fen;
     }

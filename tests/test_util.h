@@ -44,6 +44,7 @@ struct testPosition : ownedPosition {
     void set(const std::string& fen) {
         std::string error;
         EXPECT_TRUE(setPosition(fen, pos.get(), &error)) << fen << ": " << error;
+        get();  // binds the move buffer
     }
 };
 

@@ -80,7 +80,9 @@ std::vector<std::string> splitLines(const std::string& text) {
 }
 
 // The fields that make and take-back restore and that a FEN describes, as bytes.
-std::string boardState(const positionStruct* p, int ply = 0) { return positionBytes(p, false, ply); }
+std::string boardState(const positionStruct* p, int ply = 0) {
+    return positionBytes(p, false, ply);
+}
 
 void checkConsistent(positionStruct* pos, int ply, const std::string& where, bool history = true) {
     const std::string wrong = inconsistency(pos, ply, history);
@@ -126,7 +128,8 @@ int fuzzFen(const uint8_t* data, size_t size) {
     int shown = 0;
     for (char c : diagram)
         shown += std::strchr("PNBRQKpnbrqk", c) != nullptr && c != 0;
-    if (std::count(diagram.begin(), diagram.end(), '\n') != 17 || shown != popCount(pos->occupied()))
+    if (std::count(diagram.begin(), diagram.end(), '\n') != 17
+        || shown != popCount(pos->occupied()))
         fail("board diagram of '" + fen + "'");
 
     // Every legal move makes and takes back to the same position, and the position after
@@ -274,8 +277,8 @@ bool confirmation(const std::string& line) {
     for (const char* p :
          {"info string Size of Hashtable set to : ", "info string Number of threads set to : ",
           "info string MoveOverhead set to : ", "info string Ponder set to : ",
-          "info string Syzygy tablebases used from directory : ", "info string SyzygyProbeDepth set to: ",
-          "info string not enough memory for a table of "})
+          "info string Syzygy tablebases used from directory : ",
+          "info string SyzygyProbeDepth set to: ", "info string not enough memory for a table of "})
         if (startsWith(line, p))
             return true;
     return false;
@@ -296,9 +299,9 @@ void resetCommandLoop() {
         executeCommand("setoption name Hash value 1");
     if (!engine.syzygyPath.empty() && engine.syzygyPath != "<empty>")
         executeCommand("setoption name SyzygyPath value <empty>");
-    for (const char* line : {"setoption name Ponder value false", "setoption name MoveOverhead value 100",
-                             "setoption name SyzygyProbeDepth value 0", "ucinewgame", "position startpos",
-                             "perft 1"})
+    for (const char* line :
+         {"setoption name Ponder value false", "setoption name MoveOverhead value 100",
+          "setoption name SyzygyProbeDepth value 0", "ucinewgame", "position startpos", "perft 1"})
         executeCommand(line);
 }
 
@@ -343,7 +346,8 @@ int fuzzUci(const uint8_t* data, size_t size) {
             if (!startsWith(last, "bestmove "))
                 fail(where + ": no bestmove at the end:\n" + out);
             const std::string move = words(last).size() > 1 ? words(last)[1] : "";
-            if (findMove(&GPSData, move).empty() && (move != "a1a1" || !legalMoves(&GPSData).empty()))
+            if (findMove(&GPSData, move).empty()
+                && (move != "a1a1" || !legalMoves(&GPSData).empty()))
                 fail(where + ": bestmove " + move + " is not legal");
         } else if (cmd == "position") {
             std::string refusal;
@@ -358,8 +362,9 @@ int fuzzUci(const uint8_t* data, size_t size) {
         } else if (boardState(&GPSData) != before) {
             fail(where + ": the command position changed");
         }
-        const std::string known = " position go stop ponderhit ucinewgame uci setoption isready "
-                                  "perft showboard evil eval help bench ";
+        const std::string known =
+            " position go stop ponderhit ucinewgame uci setoption isready "
+            "perft showboard evil eval help bench ";
         if ((cmd.empty() || known.find(" " + cmd + " ") == std::string::npos)
             && out != "Unknown command\n")
             fail(where + ": an unknown command answers '" + out + "'");
@@ -394,7 +399,8 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
     for (int i = 0; i < 4; i++)
         wdlSize |= size_t(data[2 + i]) << (8 * i);
     wdlSize = std::min(wdlSize, size - 6);
-    const std::string wdl = textOf(data + 6, wdlSize), dtz = textOf(data + 6 + wdlSize, size - 6 - wdlSize);
+    const std::string wdl = textOf(data + 6, wdlSize),
+                      dtz = textOf(data + 6 + wdlSize, size - 6 - wdlSize);
 
     static const scratchFolder tables;
     for (const fs::directory_entry& f : fs::directory_iterator(tables.path))
@@ -445,8 +451,9 @@ int fuzzSyzygy(const uint8_t* data, size_t size) {
         const moveStruct best = syzygyProbeDTZ(0, pos);
         setTextSink(nullptr);
         const std::vector<moveStruct> legal = legalMoves(pos);
-        if (!best.empty() && std::none_of(legal.begin(), legal.end(),
-                                          [&](const moveStruct& m) { return m.sameAs(best); }))
+        if (!best.empty() && std::none_of(legal.begin(), legal.end(), [&](const moveStruct& m) {
+                return m.sameAs(best);
+            }))
             fail(name + ": " + fen + ": the root move " + moveToLA(&best, pos->sideToMove)
                  + " is not legal");
     }
@@ -536,7 +543,8 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
     for (std::string line : splitLines(asTextFile(textOf(data, size)))) {
         const size_t a = line.find(';'), b = a == std::string::npos ? a : line.find(';', a + 1);
         long long depth;
-        if (b != std::string::npos && wholeNumber(line.substr(a + 1, b - a - 1), depth) && depth > 2)
+        if (b != std::string::npos && wholeNumber(line.substr(a + 1, b - a - 1), depth)
+            && depth > 2)
             line.replace(a + 1, b - a - 1, "2");
         text += line + "\n";
         if (!line.empty() && line.back() == '\r')
@@ -550,7 +558,8 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
     const bool allPassed = runPerftFile(scratch().write("perft.txt", text), report, &testsRun);
     const std::vector<std::string> out = splitLines(report.str());
     if (out.size() != tests.size() + 1
-        || out.back() != std::string("Results of the perft checks is OK: ") + (allPassed ? "1" : "0"))
+        || out.back()
+               != std::string("Results of the perft checks is OK: ") + (allPassed ? "1" : "0"))
         fail("perft report does not hold one line per test and the summary:\n" + report.str());
     int readable = 0;
     bool passed = true;
@@ -563,7 +572,8 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
         readable++;
         // "pass; FEN; depth; expected; counted; ns": the count is checked apart.
         std::vector<std::string> f;
-        for (size_t at = 0, next; at != std::string::npos; at = next == std::string::npos ? next : next + 2) {
+        for (size_t at = 0, next; at != std::string::npos;
+             at = next == std::string::npos ? next : next + 2) {
             next = r.find("; ", at);
             f.push_back(r.substr(at, next == std::string::npos ? next : next - at));
         }
@@ -571,7 +581,8 @@ int fuzzPerftFile(const uint8_t* data, size_t size) {
             fail("perft result line '" + r + "' for '" + tests[i] + "'");
         const u64 count = slowPerft(readBack(f[1], "perft result line"), 0, std::stoi(f[2]));
         if (f[4] != std::to_string(count) || (f[0] == "1") != (f[3] == f[4]))
-            fail("perft result line '" + r + "': the legal move tree holds " + std::to_string(count));
+            fail("perft result line '" + r + "': the legal move tree holds "
+                 + std::to_string(count));
         passed &= f[0] == "1";
     }
     if (readable != testsRun || passed != allPassed)
