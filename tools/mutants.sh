@@ -30,7 +30,7 @@ psq-mirror	src/board/makemove.h	    return pieceSquareScore[idx * 64 + (colour =
 isolated-sign	src/eval/pawns.cpp	            score += EVALPAWNISOLATED[f];	            score -= EVALPAWNISOLATED[f];
 tempo	src/eval/evaluate.cpp	    const i32 tempo = pos->sideToMove == WHITE ? EVALTEMPO : -EVALTEMPO;	    const i32 tempo = pos->sideToMove == WHITE ? EVALTEMPO : EVALTEMPO;
 mate-to-table	src/search/tt.h	    return score >= MATE_BAND ? score + ply : score <= -MATE_BAND ? score - ply : score;	    return score >= MATE_BAND ? score + ply : score <= -MATE_BAND ? score + ply : score;
-mated-score	src/search/alphabeta.cpp	        return short(inCheck ? ply - MATE : 0);	        return short(inCheck ? ply + 1 - MATE : 0);
+mated-score	src/search/alphabeta.cpp	        return short(excluding ? alpha : inCheck ? ply - MATE : 0);	        return short(excluding ? alpha : inCheck ? ply + 1 - MATE : 0);
 repetition	src/search/alphabeta.cpp	        if (isRepetition(pos, ply))	        if (false && isRepetition(pos, ply))
 fifty-moves	src/search/alphabeta.cpp	    if (pos->halfMoveClock > 99)	    if (pos->halfMoveClock > 100)
 tb-score-in-tree	src/search/alphabeta.cpp	                    const int score = ply - TB_WIN;	                    const int score = ply + 1 - TB_WIN;
