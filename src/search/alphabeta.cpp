@@ -340,9 +340,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             score = searchChild(u8(ply + 1), newDepth, alpha, beta, pos);
         } else {
             int r = 0;
-            const bool reducible = (capturesNothing && !isPromotion(m))
-                                || (LMR_BAD_CAPTURES && stage == STAGE_BAD_CAPTURES);
-            if (depth >= LMR_MIN_DEPTH && reducible && !inCheck && !child.inCheck) {
+            if (depth >= LMR_MIN_DEPTH && capturesNothing && !isPromotion(m) && !inCheck
+                && !child.inCheck) {
                 r = LMR[std::min(depth, LMR_DEPTHS - 1)][std::min(moveNumber, LMR_MOVES - 1)]
                   + (improving ? 0 : 1);
                 if (mainHist < 0 && cont1 < 0 && cont2 < 0)
