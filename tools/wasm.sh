@@ -140,23 +140,21 @@ speed() {
     local runs=${RUNS:-3} r nps native=$native_build/quorvane
     local -A best=()
     [ -x "$native" ] || make -C "$repo" build BUILD="${BUILD:-build}" >/dev/null
-    for ((r = 0; r < runs; r++)); do
-        nps=$(bench_nps "$native")
-        [ "${best[native1]:-0}" -ge "$nps" ] || best[native1]=$nps
-        nps=$(bench_nps "${console[@]}")
-        [ "${best[wasm1]:-0}" -ge "$nps" ] || best[wasm1]=$nps
-    done
-    for ((r = 0; r < runs; r++)); do
-        nps=$(threaded_nps "$native")
-        [ "${best[native2]:-0}" -ge "$nps" ] || best[native2]=$nps
-        nps=$(threaded_nps "${console[@]}")
-        [ "${best[wasm2]:-0}" -ge "$nps" ] || best[wasm2]=$nps
+    local kind measure
+    for kind in 1:bench_nps 2:threaded_nps; do
+        measure=${kind#*:} kind=${kind%%:*}
+        for ((r = 0; r < runs; r++)); do
+            nps=$($measure "$native")
+            [ "${best[native$kind]:-0}" -ge "$nps" ] || best[native$kind]=$nps
+            nps=$($measure "${console[@]}")
+            [ "${best[wasm$kind]:-0}" -ge "$nps" ] || best[wasm$kind]=$nps
+        done
     done
     printf '%-44s %12s %12s %s\n' "" native wasm "wasm / native"
-    awk -v n="${best[native1]}" -v w="${best[wasm1]}" \
-        'BEGIN{printf "%-44s %12d %12d %.3f\n", "bench, 1 thread (nodes/s)", n, w, w / n}'
-    awk -v n="${best[native2]}" -v w="${best[wasm2]}" \
-        'BEGIN{printf "%-44s %12d %12d %.3f\n", "3 x go movetime 5000, 2 threads (nodes/s)", n, w, w / n}'
+    for kind in "1:bench, 1 thread (nodes/s)" "2:3 x go movetime 5000, 2 threads (nodes/s)"; do
+        awk -v t="${kind#*:}" -v n="${best[native${kind%%:*}]}" -v w="${best[wasm${kind%%:*}]}" \
+            'BEGIN{printf "%-44s %12d %12d %.3f\n", t, n, w, w / n}'
+    done
     echo "(best of $runs interleaved runs; native: $native)"
     echo "=== $dist"
     (cd "$dist" && find . -type f | sed 's|^\./||' | sort | xargs stat -c '%8s  %n')
