@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <regex>
 
 #include "test_util.h"
 #include "tuning/weightsfile.h"
@@ -51,11 +50,19 @@ std::string withoutNumbers(const std::string& text) {
 // {") with its (mg, eg) pairs in order.
 std::map<std::string, pairs> tablesOf(const std::string& text) {
     std::map<std::string, pairs> tables;
-    const std::regex definition(R"(i32 (\w+)(\[[^\]]*\]){1,2} = \{)");
-    for (std::sregex_iterator it(text.begin(), text.end(), definition), end; it != end; ++it) {
-        pairs& p = tables[(*it)[1]];
-        const size_t from = size_t(it->position() + it->length());
-        for (const weightPairText& w : weightPairsIn(text, from, text.find("};", from)))
+    for (size_t at = text.find("i32 "); at != std::string::npos; at = text.find("i32 ", at + 4)) {
+        size_t i = at + 4, name = i;
+        while (i < text.size()
+               && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_'))
+            i++;
+        const std::string id = text.substr(name, i - name);
+        for (int dims = 0; dims < 2 && i < text.size() && text[i] == '['; dims++)
+            i = text.find(']', i) + 1;
+        if (id.empty() || text[name + id.size()] != '[' || text.compare(i, 4, " = {") != 0)
+            continue;
+        const size_t from = i + 4, to = text.find("};", from);
+        pairs& p = tables[id];
+        for (const weightPairText& w : weightPairsIn(text, from, to))
             p.emplace_back(w.mg, w.eg);
     }
     return tables;
