@@ -116,8 +116,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     plyStruct& ps = pos->plyStack[ply];
     plyStruct& child = pos->plyStack[ply + 1];
     child.nullMoveDisable = ps.nullMoveDisable;
-    const int doubles = ply ? ps.doubleExtensions : 0;
-    child.doubleExtensions = u8(doubles);
+    const int doubles = DOUBLE_EXT_MARGIN && ply ? ps.doubleExtensions : 0;
+    if constexpr (DOUBLE_EXT_MARGIN > 0)
+        child.doubleExtensions = u8(doubles);
     ps.hashMove = EMPTYMOVE;
 
     // Step 5. Transposition table: cut-offs only at non-PV nodes below the root. The
@@ -329,7 +330,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1,
                                    std::max(singular, 1));
         const int newDepth = depth - 1 + extension;
-        child.doubleExtensions = u8(doubles + (extension > 1));
+        if constexpr (DOUBLE_EXT_MARGIN > 0)
+            child.doubleExtensions = u8(doubles + (extension > 1));
 
         ps.currentMove = m;
         makeMove(pos, ply, m);
