@@ -294,6 +294,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     const int row1 = ply >= 1 ? contRow(pos->plyStack[ply - 1].currentMove) : -1;
     const int row2 = ply >= 2 ? contRow(pos->plyStack[ply - 2].currentMove) : -1;
     const bool mayExtend = u64(ply) < 2 * pos->searchDepth;
+    const bool hashCaptures = LMR_TT_CAPTURE_MORE && !ps.hashMove.empty() && !isQuietMove(pos, ps.hashMove);
 
     movePickerStruct mp;
     initMovePicker(mp, pos, ply, ps.hashMove);
@@ -326,6 +327,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         // A move both continuation histories rate highly is searched a ply deeper; the
         // singular test's verdict on the hash move adds to that.
         int extension = mayExtend && cont1 > CONT_HIST_EXTENSION && cont2 > CONT_HIST_EXTENSION;
+        if (RECAPTURE_EXTENSION && pvNode && mayExtend && !capturesNothing && ply > 0
+            && pos->plyStack[ply].capturedPiece != EMPTY && m.to == pos->plyStack[ply - 1].currentMove.to)
+            extension = 1;
         if (singular && m.sameAs(ps.hashMove))
             extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1,
                                    std::max(singular, 1));
@@ -353,6 +357,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                                     LMR_HISTORY_MAX);
                 if (LMR_REFUTATION_LESS && stage >= STAGE_KILLER1 && stage <= STAGE_COUNTER)
                     r--;
+                if (hashCaptures)
+                    r++;
                 r = std::max(r, 0);
                 if (r && pvNode)
                     r--;

@@ -87,6 +87,9 @@ constexpr int LMR_HISTORY_DIV = 0;
 constexpr int LMR_HISTORY_MAX = 2;
 constexpr bool LMR_REFUTATION_LESS = false;
 constexpr bool LMP_NON_PV_ONLY = false;
+// Not yet played: LMR_TT_CAPTURE_MORE reduces quiet moves one ply more when the hash move
+// is a capture.
+constexpr bool LMR_TT_CAPTURE_MORE = false;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
@@ -116,6 +119,9 @@ constexpr int SINGULAR_MARGIN = 2;
 // 18379850.
 constexpr int DOUBLE_EXT_MARGIN = 0;
 constexpr int DOUBLE_EXT_MAX = 6;
+// Candidate, off and not yet played: at PV nodes a capture on the square where the last
+// move captured is extended by a ply.
+constexpr bool RECAPTURE_EXTENSION = false;
 
 // There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
 // fixed-depth trees elevenfold and scored below zero at both clocks, -35.8 +- 20.3 Elo at
