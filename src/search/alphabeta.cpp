@@ -317,6 +317,10 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
             if ((late || losing) && !givesCheck(pos, m))
                 continue;
         }
+        if (CAPTURE_SEE_MARGIN && ply > 0 && !pvNode && stage == STAGE_BAD_CAPTURES
+            && bestScore > -MATE_BAND && depth <= QUIET_SEE_MAX_DEPTH
+            && !seeAtLeast(pos, m, -CAPTURE_SEE_MARGIN * depth) && !givesCheck(pos, m))
+            continue;
 
         prefetchHash(keyAfter(pos, ply, m));   // the child probes first thing
         const int idx = contHistIndex(piece, m.to);
