@@ -29,8 +29,9 @@ constexpr i16 seeValue[14] = {0, 0, 88, 88, 335, 335, 335, 335, 521, 521, 1035, 
 // than QUIET_SEE_MARGIN * d is skipped.
 constexpr int QUIET_SEE_MAX_DEPTH = 6;
 constexpr int QUIET_SEE_MARGIN = 64;
-// Candidate, off while 0 and not yet played: at non-PV nodes down to the same depth, a
-// losing capture whose exchange loses more than CAPTURE_SEE_MARGIN * d is skipped too.
+// Candidate, off while 0: at non-PV nodes down to the same depth, a losing capture whose
+// exchange loses more than CAPTURE_SEE_MARGIN * d is skipped too. 100 (bench 13984488):
+// +10.1 +- 19.2 Elo over 618 games at 2+0.02, LLR 0.31 for [0, 5]; undecided.
 constexpr int CAPTURE_SEE_MARGIN = 0;
 
 // Null move: R = NULL_BASE + depth / NULL_DEPTH_DIV + min(NULL_EVAL_MAX, (e - beta) / NULL_EVAL_DIV).
