@@ -308,19 +308,20 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         moveNumber++;
 
         // Quiet moves late in the list or losing material by exchange are not searched,
-        // unless they give check.
-        if (ply > 0 && stage == STAGE_QUIETS && bestScore > -MATE_BAND
-            && !(LMP_NON_PV_ONLY && pvNode)) {
-            const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
-            const bool losing = !late && depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
-                             && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth);
-            if ((late || losing) && !givesCheck(pos, m))
+        // unless they give check; nor, while that candidate is on, are captures losing
+        // much by exchange at non-PV nodes.
+        if (ply > 0 && bestScore > -MATE_BAND) {
+            bool skip = false;
+            if (stage == STAGE_QUIETS && !(LMP_NON_PV_ONLY && pvNode)) {
+                const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
+                skip = late || (depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
+                                && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth));
+            } else if (CAPTURE_SEE_MARGIN && stage == STAGE_BAD_CAPTURES && !pvNode) {
+                skip = depth <= QUIET_SEE_MAX_DEPTH && !seeAtLeast(pos, m, -CAPTURE_SEE_MARGIN * depth);
+            }
+            if (skip && !givesCheck(pos, m))
                 continue;
         }
-        if (CAPTURE_SEE_MARGIN && ply > 0 && !pvNode && stage == STAGE_BAD_CAPTURES
-            && bestScore > -MATE_BAND && depth <= QUIET_SEE_MAX_DEPTH
-            && !seeAtLeast(pos, m, -CAPTURE_SEE_MARGIN * depth) && !givesCheck(pos, m))
-            continue;
 
         prefetchHash(keyAfter(pos, ply, m));   // the child probes first thing
         const int idx = contHistIndex(piece, m.to);
