@@ -364,6 +364,10 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     r--;
                 if (hashCaptures)
                     r++;
+                if (LMR_THREAT_ESCAPE_LESS && stage == STAGE_QUIETS) {
+                    const bitboard threatened = mp.threats.byLesser[piece >> 1];
+                    r -= (threatened & bb(m.from)) && !(threatened & bb(m.to));
+                }
                 r = std::max(r, 0);
                 if (r && pvNode)
                     r--;

@@ -56,12 +56,6 @@ inline moveStruct withPiece(const positionStruct* pos, moveStruct m) {
     return m;
 }
 
-// Squares where each of our piece kinds stands attacked by a cheaper enemy piece, by piece
-// kind (knights and bishops: pawns; rooks: pawns and minors; queens: also rooks).
-struct threatMap {
-    bitboard byLesser[KING + 1] = {};
-};
-
 threatMap enemyThreats(const positionStruct* pos) {
     const int them = pos->sideToMove ^ 1;
     const bitboard occ = pos->occupied();
@@ -93,11 +87,13 @@ void generateQuietsSorted(movePickerStruct& mp) {
     int keys[MAX_LIST];
     const i16* row1 = contHistRow(pos, mp.ply, 1);
     const i16* row2 = contHistRow(pos, mp.ply, 2);
-    const threatMap threats = enemyThreats(pos);
+    mp.threats = enemyThreats(pos);
+    const threatMap& threats = mp.threats;
     for (int i = 0; i < count; i++) {
         moveStruct m = first[i];
         const int piece = pos->board[m.from];
-        int key = historyOf(pos, row1, row2, piece, m.to);
+        int key = historyOf(pos, row1, row2, piece, m.to)
+                + (QUIET_MAIN_HIST_WEIGHT - 1) * pos->mainHistory[piece][m.to];
         const bitboard threatened = threats.byLesser[piece >> 1];
         const bool fromThreatened = threatened & bb(m.from), toThreatened = threatened & bb(m.to);
         if (fromThreatened != toThreatened)
