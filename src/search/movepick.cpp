@@ -59,7 +59,7 @@ inline moveStruct withPiece(const positionStruct* pos, moveStruct m) {
 threatMap enemyThreats(const positionStruct* pos) {
     const int them = pos->sideToMove ^ 1;
     const bitboard occ = pos->occupied();
-    threatMap t;
+    threatMap t{};
     const bitboard byPawn = pawnAttacksBB(pos->pieces(WPAWN + them), them);
     bitboard byMinor = byPawn;
     for (bitboard b = pos->pieces(WKNIGHT + them); b;)

@@ -65,7 +65,7 @@ int quietHistory(const positionStruct* pos, u8 ply, moveStruct m, int piece);
 // Squares where each of our piece kinds stands attacked by a cheaper enemy piece, by piece
 // kind (knights and bishops: pawns; rooks: pawns and minors; queens: also rooks).
 struct threatMap {
-    bitboard byLesser[KING + 1] = {};
+    bitboard byLesser[KING + 1];
 };
 
 struct movePickerStruct {
@@ -75,7 +75,7 @@ struct movePickerStruct {
     moveStruct hashMove;      // empty when it did not pass the validity test
     moveStruct killer1, killer2, counterMove;
     moveStruct* capturesEnd;
-    threatMap threats;        // filled when the quiet moves are generated
+    threatMap threats;        // filled when the quiet moves are generated, unset before
 };
 
 // Prepares the picker of the node at ply; hashMove may be anything the table returned.
