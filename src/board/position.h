@@ -41,6 +41,7 @@ struct plyStruct {
     u8 inCheck;
     u8 moveCount;
     u8 doubleExtensions;         // double singular extensions on the line to this ply
+    u8 cutNode;                  // a zero-window node expected to fail high
 };
 
 struct positionStruct {

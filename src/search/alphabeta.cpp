@@ -209,6 +209,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                             + std::min(NULL_EVAL_MAX, (e - beta) / NULL_EVAL_DIV);
                 ps.currentMove = EMPTYMOVE;
                 makeNullMove(pos, ply);
+                child.cutNode = !ps.cutNode;
                 int score = searchChild(u8(ply + 1), depth - R, beta - 1, beta, pos);
                 takeBackNullMove(pos, ply);
                 if (score > MATE_BAND)   // no unproven mates
@@ -244,6 +245,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     ps.currentMove = m;
                     makeMove(pos, ply, m);
                     child.inCheck = inCheckNow(pos);
+                    child.cutNode = !ps.cutNode;
                     int score = -quiescence(u8(ply + 1), 0, short(-rbeta), short(-rbeta + 1), pos);
                     if (score >= rbeta)
                         score = searchChild(u8(ply + 1), depth - PROBCUT_REDUCTION, rbeta - 1, rbeta, pos);
@@ -335,6 +337,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         if (RECAPTURE_EXTENSION && pvNode && mayExtend && !capturesNothing && ply > 0
             && pos->plyStack[ply].capturedPiece != EMPTY && m.to == pos->plyStack[ply - 1].currentMove.to)
             extension = 1;
+        if (PAWN_SEVENTH_EXTENSION && mayExtend && piece >> 1 == PAWN
+            && rankOf(m.to) == ((piece & 1) ? 1 : 6))
+            extension = 1;
         if (singular && m.sameAs(ps.hashMove))
             extension = std::clamp(extension + (mayExtend || singular < 0 ? singular : 0), -1,
                                    std::max(singular, 1));
@@ -348,6 +353,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
 
         int score;
         if (searched == 0) {
+            child.cutNode = !pvNode && !ps.cutNode;
             score = searchChild(u8(ply + 1), newDepth, alpha, beta, pos);
         } else {
             int r = 0;
@@ -364,6 +370,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     r--;
                 if (hashCaptures)
                     r++;
+                if (LMR_CUT_NODE_MORE && ps.cutNode && !pvNode)
+                    r += LMR_CUT_NODE_MORE;
                 if (LMR_THREAT_ESCAPE_LESS && stage == STAGE_QUIETS) {
                     const bitboard threatened = mp.threats.byLesser[piece >> 1];
                     r -= (threatened & bb(m.from)) && !(threatened & bb(m.to));
@@ -372,9 +380,12 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                 if (r && pvNode)
                     r--;
             }
+            child.cutNode = true;
             score = searchChild(u8(ply + 1), newDepth - r, alpha, alpha + 1, pos);
+            child.cutNode = !ps.cutNode;
             if (r > 0 && score > alpha)
                 score = searchChild(u8(ply + 1), newDepth, alpha, alpha + 1, pos);
+            child.cutNode = false;
             if (pvNode && score > alpha && score < beta)
                 score = searchChild(u8(ply + 1), newDepth, alpha, beta, pos);
         }

@@ -100,6 +100,9 @@ constexpr bool LMR_TT_CAPTURE_MORE = false;
 // off a square attacked by a cheaper enemy piece to one that is not is reduced a ply less
 // (bench 14970614).
 constexpr bool LMR_THREAT_ESCAPE_LESS = false;
+// Candidate, off while 0 and not yet played: quiet moves at an expected cut node (a
+// zero-window node whose parent expects it to fail high) are reduced this many plies more.
+constexpr int LMR_CUT_NODE_MORE = 0;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
@@ -135,6 +138,9 @@ constexpr int DOUBLE_EXT_MAX = 6;
 // Candidate, off and not yet played (at 5+0.05 too): at PV nodes a capture on the square
 // where the last move captured is extended by a ply. On, bench is 16792748.
 constexpr bool RECAPTURE_EXTENSION = false;
+// Candidate, off and not yet played (at 5+0.05): a pawn moving to its seventh rank is
+// extended by a ply.
+constexpr bool PAWN_SEVENTH_EXTENSION = false;
 
 // There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
 // fixed-depth trees elevenfold and scored below zero at both clocks, -35.8 +- 20.3 Elo at
