@@ -88,7 +88,7 @@ inline constexpr auto LMR = makeLmrTable();
 // - LMR_TT_CAPTURE_MORE: quiet moves are reduced one ply more when the hash move is a
 //   capture (bench 13677174): +8.6 +- 15.9 over 764 games, LLR 0.35.
 // LMP_NON_PV_ONLY, LMR_TT_CAPTURE_MORE and CAPTURE_SEE_MARGIN = 100 together (bench
-// 13313914): +12.8 +- 8.3 over 3,178 games, LLR 2.14.
+// 13313914): +8.8 +- 5.9 over 5,938 games, LLR 2.62.
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error).
 constexpr int LMR_HISTORY_DIV = 0;
