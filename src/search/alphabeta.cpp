@@ -10,16 +10,20 @@
 //
 // The finer points:
 //  - Late-move pruning and exchange pruning look at the moves of the quiet stage
-//    (STAGE_QUIETS, 7) only, never at a move that gives check, and only once a move has
-//    been searched without being mated (pruning everything would fake a stalemate). A
+//    (STAGE_QUIETS, 7) at non-PV nodes only, never at a move that gives check, and only
+//    once a move has been searched without being mated (pruning everything would fake a
+//    stalemate). A
 //    quiet move is late once LMP[improving][depth] quiet moves have been searched at this
 //    node: the hash move, captures, killers and the counter move searched first do not
 //    use up the quiet moves' allowance, and quiet moves skipped by the exchange test do
 //    not count. Counting the other stages instead could never grow while the quiet moves
 //    are handed out, so nothing would be late. Quiet moves whose exchange loses more than
-//    QUIET_SEE_MARGIN per ply of depth are skipped.
+//    QUIET_SEE_MARGIN per ply of depth are skipped; so are losing captures (stage 8)
+//    whose exchange loses more than CAPTURE_SEE_MARGIN per ply.
 //  - Late-move reductions: quiet non-promotions after the first move, not when the node
 //    is in check or the move gives check; the move number counts every move handed out.
+//    When the hash move is a capture, the quiet moves after it are reduced a ply more:
+//    the position is sharp, and the quiet alternatives rarely hold.
 //  - The continuation-history extension is allowed while ply < 2 * searchDepth, which
 //    bounds the length of an extended line.
 //  - ProbCut tries only moves whose exchange reaches rbeta - e and returns the verified
@@ -309,9 +313,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         const bool capturesNothing = pos->board[m.to] == EMPTY;
         moveNumber++;
 
-        // Quiet moves late in the list or losing material by exchange are not searched,
-        // unless they give check; nor, while that candidate is on, are captures losing
-        // much by exchange at non-PV nodes.
+        // At non-PV nodes, quiet moves late in the list or losing material by exchange
+        // are not searched, unless they give check; nor are captures losing much by
+        // exchange.
         if (ply > 0 && bestScore > -MATE_BAND) {
             bool skip = false;
             if (stage == STAGE_QUIETS && !(LMP_NON_PV_ONLY && pvNode)) {

@@ -29,10 +29,10 @@ constexpr i16 seeValue[14] = {0, 0, 88, 88, 335, 335, 335, 335, 521, 521, 1035, 
 // than QUIET_SEE_MARGIN * d is skipped.
 constexpr int QUIET_SEE_MAX_DEPTH = 6;
 constexpr int QUIET_SEE_MARGIN = 64;
-// Candidate, off while 0: at non-PV nodes down to the same depth, a losing capture whose
-// exchange loses more than CAPTURE_SEE_MARGIN * d is skipped too. 100 (bench 13984488):
-// +10.1 +- 19.2 Elo over 618 games at 2+0.02, LLR 0.31 for [0, 5]; undecided.
-constexpr int CAPTURE_SEE_MARGIN = 0;
+// At non-PV nodes down to the same depth, a losing capture whose exchange loses more than
+// CAPTURE_SEE_MARGIN * d is skipped too (0 turns it off). Kept with the two switches of
+// the quiet moves below; see there for its effect.
+constexpr int CAPTURE_SEE_MARGIN = 100;
 
 // Null move: R = NULL_BASE + depth / NULL_DEPTH_DIV + min(NULL_EVAL_MAX, (e - beta) / NULL_EVAL_DIV).
 constexpr int NULL_MIN_DEPTH = 4;
@@ -74,28 +74,29 @@ constexpr std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> makeLmrTable() {
 }
 inline constexpr auto LMR = makeLmrTable();
 
-// Candidates under test, each off until a match keeps it. Measured at 2+0.02 against the
-// search with all of them off, SPRT [0, 5], Elo with its 95% error; none has reached a
-// decision yet:
+// Kept: LMP_NON_PV_ONLY (late-move and exchange pruning of quiets left out at PV nodes),
+// LMR_TT_CAPTURE_MORE (quiet moves reduced one ply more when the hash move is a capture)
+// and CAPTURE_SEE_MARGIN = 100 above, together (bench 13726223 -> 13313914): +8.6 +- 5.5
+// Elo over 6,896 games at 2+0.02 against the search without them, pairs 157, 799, 1400,
+// 901, 191; SPRT [0, 5] passed (LLR 2.94). Alone, before that run: +9.3 +- 10.1 (1,940
+// games), +8.6 +- 15.9 (764) and +10.1 +- 19.2 (618).
+//
+// Candidates under test, each off until a match keeps it, measured at 2+0.02 against the
+// search with all of them off (and the three above off too), SPRT [0, 5], Elo with its 95%
+// error; undecided:
 // - LMR_HISTORY_DIV: one ply less reduction per LMR_HISTORY_DIV of the move's main plus
 //   continuation histories (one more when negative), at most LMR_HISTORY_MAX either way, on
 //   top of the all-negative step above; 0 is off. 8192 (bench 16173799): +3.1 +- 14.5 over
 //   1,002 games, LLR 0.09.
 // - LMR_REFUTATION_LESS: killers and the counter move are reduced one ply less (bench
 //   15393504): +5.8 +- 18.9 over 600 games, LLR 0.15.
-// - LMP_NON_PV_ONLY: late-move and exchange pruning of quiets left out at PV nodes (bench
-//   16162380): +9.3 +- 10.1 over 1,940 games, LLR 0.94.
-// - LMR_TT_CAPTURE_MORE: quiet moves are reduced one ply more when the hash move is a
-//   capture (bench 13677174): +8.6 +- 15.9 over 764 games, LLR 0.35.
-// LMP_NON_PV_ONLY, LMR_TT_CAPTURE_MORE and CAPTURE_SEE_MARGIN = 100 together (bench
-// 13313914): +8.8 +- 5.9 over 5,938 games, LLR 2.62.
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error).
 constexpr int LMR_HISTORY_DIV = 0;
 constexpr int LMR_HISTORY_MAX = 2;
 constexpr bool LMR_REFUTATION_LESS = false;
-constexpr bool LMP_NON_PV_ONLY = false;
-constexpr bool LMR_TT_CAPTURE_MORE = false;
+constexpr bool LMP_NON_PV_ONLY = true;
+constexpr bool LMR_TT_CAPTURE_MORE = true;
 // Candidate, not yet played: a quiet move (from the history-sorted stage) taking a piece
 // off a square attacked by a cheaper enemy piece to one that is not is reduced a ply less
 // (bench 14970614).
