@@ -82,14 +82,14 @@ inline constexpr auto LMR = makeLmrTable();
 // games), +8.6 +- 15.9 (764) and +10.1 +- 19.2 (618).
 //
 // Candidates under test, each off until a match keeps it, measured at 2+0.02 against the
-// search with all of them off (and the three above off too), SPRT [0, 5], Elo with its 95%
-// error; undecided:
+// search with all of them off (the two below with the three above off too), SPRT [0, 5],
+// Elo with its 95% error; undecided. The benches of candidates are with the three on.
 // - LMR_HISTORY_DIV: one ply less reduction per LMR_HISTORY_DIV of the move's main plus
 //   continuation histories (one more when negative), at most LMR_HISTORY_MAX either way, on
-//   top of the all-negative step above; 0 is off. 8192 (bench 16173799): +3.1 +- 14.5 over
-//   1,002 games, LLR 0.09.
+//   top of the all-negative step above; 0 is off. 8192 (bench then 16173799, now
+//   13919394): +3.1 +- 14.5 over 1,002 games, LLR 0.09.
 // - LMR_REFUTATION_LESS: killers and the counter move are reduced one ply less (bench
-//   15393504): +5.8 +- 18.9 over 600 games, LLR 0.15.
+//   15393504, now 13088390): +5.8 +- 18.9 over 600 games, LLR 0.15.
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error).
 constexpr int LMR_HISTORY_DIV = 0;
@@ -99,11 +99,11 @@ constexpr bool LMP_NON_PV_ONLY = true;
 constexpr bool LMR_TT_CAPTURE_MORE = true;
 // Candidate, not yet played: a quiet move (from the history-sorted stage) taking a piece
 // off a square attacked by a cheaper enemy piece to one that is not is reduced a ply less
-// (bench 14970614).
+// (bench 12578513).
 constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // Candidate, off while 0 and not yet played: quiet moves at an expected cut node (a
 // zero-window node whose parent expects it to fail high) are reduced this many plies more;
-// 1 gives bench 14684654.
+// 1 gives bench 12869536.
 constexpr int LMR_CUT_NODE_MORE = 0;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
@@ -111,7 +111,7 @@ constexpr int LMR_CUT_NODE_MORE = 0;
 // +2.7 +- 11.6 Elo over 1,800 games at 2+0.02.
 constexpr int QUIET_THREAT_BONUS[KING + 1] = {0, 0, 8192, 8192, 12288, 16384, 0};
 // Weight of the main history against each continuation history (weight 1) in the quiet
-// order. Candidate, not yet played: 2 (bench 15050187).
+// order. Candidate, not yet played: 2 (bench 11466947).
 constexpr int QUIET_MAIN_HIST_WEIGHT = 1;
 
 // Quiet moves remembered per node for the history penalty of a cut-off.
@@ -134,14 +134,14 @@ constexpr int SINGULAR_MARGIN = 2;
 // Candidate, off while 0 and not yet played (its test belongs at 5+0.05, where the table
 // holds deep entries): a hash move whose alternatives all fail more than this below sBeta
 // is extended by two plies, at most DOUBLE_EXT_MAX times on one line. 20 gives bench
-// 18379850.
+// 15711627.
 constexpr int DOUBLE_EXT_MARGIN = 0;
 constexpr int DOUBLE_EXT_MAX = 6;
 // Candidate, off and not yet played (at 5+0.05 too): at PV nodes a capture on the square
-// where the last move captured is extended by a ply. On, bench is 16792748.
+// where the last move captured is extended by a ply. On, bench is 14252432.
 constexpr bool RECAPTURE_EXTENSION = false;
 // Candidate, off and not yet played (at 5+0.05): a pawn moving to its seventh rank is
-// extended by a ply. On, bench is 14426287.
+// extended by a ply. On, bench is 11581649.
 constexpr bool PAWN_SEVENTH_EXTENSION = false;
 
 // There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
