@@ -12,12 +12,11 @@
 //  - Late-move pruning and exchange pruning look at the moves of the quiet stage
 //    (STAGE_QUIETS, 7) at non-PV nodes only, never at a move that gives check, and only
 //    once a move has been searched without being mated (pruning everything would fake a
-//    stalemate). A
-//    quiet move is late once LMP[improving][depth] quiet moves have been searched at this
-//    node: the hash move, captures, killers and the counter move searched first do not
-//    use up the quiet moves' allowance, and quiet moves skipped by the exchange test do
-//    not count. Counting the other stages instead could never grow while the quiet moves
-//    are handed out, so nothing would be late. Quiet moves whose exchange loses more than
+//    stalemate). A quiet move is late once LMP[improving][depth] quiet moves have been
+//    searched at this node: the hash move, captures, killers and the counter move searched
+//    first do not use up the quiet moves' allowance, and quiet moves skipped by the
+//    exchange test do not count. Counting the other stages instead could never grow while
+//    the quiet moves are handed out, so nothing would be late. Quiet moves whose exchange loses more than
 //    QUIET_SEE_MARGIN per ply of depth are skipped; so are losing captures (stage 8)
 //    whose exchange loses more than CAPTURE_SEE_MARGIN per ply.
 //  - Late-move reductions: quiet non-promotions after the first move, not when the node
@@ -300,7 +299,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
     const int row1 = ply >= 1 ? contRow(pos->plyStack[ply - 1].currentMove) : -1;
     const int row2 = ply >= 2 ? contRow(pos->plyStack[ply - 2].currentMove) : -1;
     const bool mayExtend = u64(ply) < 2 * pos->searchDepth;
-    const bool hashCaptures = LMR_TT_CAPTURE_MORE && !ps.hashMove.empty() && !isQuietMove(pos, ps.hashMove);
+    const bool hashCaptures = !ps.hashMove.empty() && !isQuietMove(pos, ps.hashMove);
 
     movePickerStruct mp;
     initMovePicker(mp, pos, ply, ps.hashMove);
@@ -313,16 +312,16 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         const bool capturesNothing = pos->board[m.to] == EMPTY;
         moveNumber++;
 
-        // At non-PV nodes, quiet moves late in the list or losing material by exchange
-        // are not searched, unless they give check; nor are captures losing much by
-        // exchange.
-        if (ply > 0 && bestScore > -MATE_BAND) {
+        // At non-PV nodes (the root is a PV node), quiet moves late in the list or losing
+        // material by exchange are not searched, unless they give check; nor are captures
+        // losing much by exchange.
+        if (!pvNode && bestScore > -MATE_BAND) {
             bool skip = false;
-            if (stage == STAGE_QUIETS && !(LMP_NON_PV_ONLY && pvNode)) {
+            if (stage == STAGE_QUIETS) {
                 const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
                 skip = late || (depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
                                 && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth));
-            } else if (CAPTURE_SEE_MARGIN && stage == STAGE_BAD_CAPTURES && !pvNode) {
+            } else if (stage == STAGE_BAD_CAPTURES) {
                 skip = depth <= QUIET_SEE_MAX_DEPTH && !seeAtLeast(pos, m, -CAPTURE_SEE_MARGIN * depth);
             }
             if (skip && !givesCheck(pos, m))

@@ -30,8 +30,8 @@ constexpr i16 seeValue[14] = {0, 0, 88, 88, 335, 335, 335, 335, 521, 521, 1035, 
 constexpr int QUIET_SEE_MAX_DEPTH = 6;
 constexpr int QUIET_SEE_MARGIN = 64;
 // At non-PV nodes down to the same depth, a losing capture whose exchange loses more than
-// CAPTURE_SEE_MARGIN * d is skipped too (0 turns it off). Kept with the two switches of
-// the quiet moves below; see there for its effect.
+// CAPTURE_SEE_MARGIN * d is skipped too. Kept with the two reduction and pruning changes
+// noted below; see there for its effect.
 constexpr int CAPTURE_SEE_MARGIN = 100;
 
 // Null move: R = NULL_BASE + depth / NULL_DEPTH_DIV + min(NULL_EVAL_MAX, (e - beta) / NULL_EVAL_DIV).
@@ -74,9 +74,9 @@ constexpr std::array<std::array<u8, LMR_MOVES>, LMR_DEPTHS> makeLmrTable() {
 }
 inline constexpr auto LMR = makeLmrTable();
 
-// Kept: LMP_NON_PV_ONLY (late-move and exchange pruning of quiets left out at PV nodes),
-// LMR_TT_CAPTURE_MORE (quiet moves reduced one ply more when the hash move is a capture)
-// and CAPTURE_SEE_MARGIN = 100 above, together (bench 13726223 -> 13313914): +8.6 +- 5.5
+// Kept, and no longer switches: late-move and exchange pruning of quiets left out at PV
+// nodes, quiet moves reduced one ply more when the hash move is a capture, and
+// CAPTURE_SEE_MARGIN = 100 above, together (bench 13726223 -> 13313914): +8.6 +- 5.5
 // Elo over 6,896 games at 2+0.02 against the search without them, pairs 157, 799, 1400,
 // 901, 191; SPRT [0, 5] passed (LLR 2.94). Alone, before that run: +9.3 +- 10.1 (1,940
 // games), +8.6 +- 15.9 (764) and +10.1 +- 19.2 (618).
@@ -95,8 +95,6 @@ inline constexpr auto LMR = makeLmrTable();
 constexpr int LMR_HISTORY_DIV = 0;
 constexpr int LMR_HISTORY_MAX = 2;
 constexpr bool LMR_REFUTATION_LESS = false;
-constexpr bool LMP_NON_PV_ONLY = true;
-constexpr bool LMR_TT_CAPTURE_MORE = true;
 // Candidate, not yet played: a quiet move (from the history-sorted stage) taking a piece
 // off a square attacked by a cheaper enemy piece to one that is not is reduced a ply less
 // (bench 12578513).
