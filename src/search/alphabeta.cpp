@@ -16,9 +16,9 @@
 //    searched at this node: the hash move, captures, killers and the counter move searched
 //    first do not use up the quiet moves' allowance, and quiet moves skipped by the
 //    exchange test do not count. Counting the other stages instead could never grow while
-//    the quiet moves are handed out, so nothing would be late. Quiet moves whose exchange loses more than
-//    QUIET_SEE_MARGIN per ply of depth are skipped; so are losing captures (stage 8)
-//    whose exchange loses more than CAPTURE_SEE_MARGIN per ply.
+//    the quiet moves are handed out, so nothing would be late. Quiet moves whose exchange
+//    loses more than QUIET_SEE_MARGIN per ply of depth are skipped; so are losing captures
+//    (stage 8) whose exchange loses more than CAPTURE_SEE_MARGIN per ply.
 //  - Late-move reductions: quiet non-promotions after the first move, not when the node
 //    is in check or the move gives check; the move number counts every move handed out.
 //    When the hash move is a capture, the quiet moves after it are reduced a ply more:
