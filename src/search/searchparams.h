@@ -105,6 +105,9 @@ constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // parent expects it to fail high) are reduced this many plies more. 1 (bench 12869536),
 // against main with the three above on: +1.9 +- 12.9 over 1,124 games, LLR 0.02.
 constexpr int LMR_CUT_NODE_MORE = 0;
+// Candidate, off and not yet played: quiet moves that give check are reduced too, one ply
+// less than the others.
+constexpr bool LMR_CHECKS = false;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
