@@ -366,10 +366,9 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                   + (improving ? 0 : 1);
                 if (mainHist < 0 && cont1 < 0 && cont2 < 0)
                     r++;
-                if constexpr (LMR_HISTORY_DIV > 0)
-                    r -= std::clamp((mainHist + cont1 + cont2) / LMR_HISTORY_DIV, -LMR_HISTORY_MAX,
-                                    LMR_HISTORY_MAX);
-                if (LMR_REFUTATION_LESS && stage >= STAGE_KILLER1 && stage <= STAGE_COUNTER)
+                r -= std::clamp((mainHist + cont1 + cont2) / LMR_HISTORY_DIV, -LMR_HISTORY_MAX,
+                                LMR_HISTORY_MAX);
+                if (stage >= STAGE_KILLER1 && stage <= STAGE_COUNTER)   // killers, counter move
                     r--;
                 if (hashCaptures)
                     r++;

@@ -81,25 +81,24 @@ inline constexpr auto LMR = makeLmrTable();
 // 901, 191; SPRT [0, 5] passed (LLR 2.94). Alone, before that run: +9.3 +- 10.1 (1,940
 // games), +8.6 +- 15.9 (764) and +10.1 +- 19.2 (618).
 //
-// Candidates under test, each off until a match keeps it, measured at 2+0.02 against the
-// search with all of them off (the two below with the three above off too), SPRT [0, 5],
-// Elo with its 95% error; undecided. The benches of candidates are with the three on.
-// - LMR_HISTORY_DIV: one ply less reduction per LMR_HISTORY_DIV of the move's main plus
-//   continuation histories (one more when negative), at most LMR_HISTORY_MAX either way, on
-//   top of the all-negative step above; 0 is off. 8192 (bench then 16173799, now
-//   13919394): +3.1 +- 14.5 over 1,002 games, LLR 0.09.
-// - LMR_REFUTATION_LESS: killers and the counter move are reduced one ply less (bench
-//   15393504, now 13088390): +5.8 +- 18.9 over 600 games, LLR 0.15.
-// The two together, against main with the three above on (bench 12047341): +14.0 +- 8.5
-// over 2,560 games, pairs 49, 262, 564, 347, 58, LLR 2.07; undecided, leading.
+// Kept: one ply less reduction per LMR_HISTORY_DIV of the move's main plus continuation
+// histories (one more per LMR_HISTORY_DIV below zero), at most LMR_HISTORY_MAX either way,
+// on top of the all-negative step; and killers and the counter move reduced a ply less.
+// Together (bench 13313914 -> 12047341), against the search with the three above: +12.3
+// +- 6.7 Elo over 4,342 games at 2+0.02, pairs 97, 447, 942, 575, 110; SPRT [0, 5] passed
+// (LLR 2.96). Alone, with the three above off: +3.1 +- 14.5 (1,002 games, 8192) and
+// +5.8 +- 18.9 (600).
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error).
-constexpr int LMR_HISTORY_DIV = 0;
+//
+// Candidates below are off until a match keeps them, each measured at 2+0.02 against the
+// main of its time (SPRT [0, 5], Elo with its 95% error).
+constexpr int LMR_HISTORY_DIV = 8192;
 constexpr int LMR_HISTORY_MAX = 2;
-constexpr bool LMR_REFUTATION_LESS = false;
-// Candidate, not yet played: a quiet move (from the history-sorted stage) taking a piece
-// off a square attacked by a cheaper enemy piece to one that is not is reduced a ply less
-// (bench 12578513).
+// Candidate: a quiet move (from the history-sorted stage) taking a piece off a square
+// attacked by a cheaper enemy piece to one that is not is reduced a ply less (bench then
+// 12578513). Against the main before the history and refutation step: +13.1 +- 14.2 over
+// 874 games, pairs 14, 90, 200, 115, 18, LLR 0.68; undecided, stopped for the session's end.
 constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // Candidate, off while 0: quiet moves at an expected cut node (a zero-window node whose
 // parent expects it to fail high) are reduced this many plies more. 1 (bench 12869536),
