@@ -22,7 +22,9 @@
 //  - Late-move reductions: quiet non-promotions after the first move, not when the node
 //    is in check or the move gives check; the move number counts every move handed out.
 //    When the hash move is a capture, the quiet moves after it are reduced a ply more:
-//    the position is sharp, and the quiet alternatives rarely hold.
+//    the position is sharp, and the quiet alternatives rarely hold. A move the histories
+//    rate well is reduced less, one the histories dislike more, and killers and the
+//    counter move a ply less: they refuted a sibling and often refute here too.
 //  - The continuation-history extension is allowed while ply < 2 * searchDepth, which
 //    bounds the length of an extended line.
 //  - ProbCut tries only moves whose exchange reaches rbeta - e and returns the verified

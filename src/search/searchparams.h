@@ -90,11 +90,11 @@ inline constexpr auto LMR = makeLmrTable();
 // +5.8 +- 18.9 (600).
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error).
+constexpr int LMR_HISTORY_DIV = 8192;
+constexpr int LMR_HISTORY_MAX = 2;
 //
 // Candidates below are off until a match keeps them, each measured at 2+0.02 against the
 // main of its time (SPRT [0, 5], Elo with its 95% error).
-constexpr int LMR_HISTORY_DIV = 8192;
-constexpr int LMR_HISTORY_MAX = 2;
 // Candidate: a quiet move (from the history-sorted stage) taking a piece off a square
 // attacked by a cheaper enemy piece to one that is not is reduced a ply less (bench then
 // 12578513). Against the main before the history and refutation step: +13.1 +- 14.2 over
