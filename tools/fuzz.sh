@@ -101,6 +101,7 @@ stat_of() { sed -n "s/^stat::$2: *//p" "$1" | tail -1 | grep . || echo -; }
 run() {
     configure "$build" libfuzzer
     local failed=0 h log corpus status
+    rm -f "$build/reports.txt"
     printf '%-10s %12s %8s %8s %8s %s\n' harness executions exec/s edges features result >"$build/summary.txt"
     for h in "${harnesses[@]}"; do
         corpus=$build/corpus/$h
@@ -119,18 +120,32 @@ run() {
             -artifact_prefix="$build/findings/$h/" >"$log" 2>&1 || status=$?
         grep DONE "$log" | tail -1 || true
         local cov ft
-        cov=$(grep -oE 'cov: [0-9]+' "$log" | tail -1 | cut -d' ' -f2)
-        ft=$(grep -oE 'ft: [0-9]+' "$log" | tail -1 | cut -d' ' -f2)
+        cov=$(grep -oE 'cov: [0-9]+' "$log" | tail -1 | cut -d' ' -f2 || true)
+        ft=$(grep -oE 'ft: [0-9]+' "$log" | tail -1 | cut -d' ' -f2 || true)
         printf '%-10s %12s %8s %8s %8s %s\n' "$h" "$(stat_of "$log" number_of_executed_units)" \
             "$(stat_of "$log" average_exec_per_sec)" "${cov:--}" "${ft:--}" \
             "$([ $status -eq 0 ] && echo ok || echo "FAILED: see $log")" >>"$build/summary.txt"
         if [ $status -ne 0 ]; then
             failed=$((failed + 1))
-            grep -E 'ERROR|fuzz check failed|SUMMARY|Test unit written' "$log" | head -5
+            # The report, and whether the input that raised it does so again on its own (a
+            # finding that does not is a race or the machine, not the input).
+            local unit again=""
+            unit=$(grep -oE 'Test unit written to [^ ]+' "$log" | tail -1 | cut -d' ' -f5 || true)
+            if [ -n "$unit" ] && [ -f "$unit" ]; then
+                "$build/fuzz_$h" -runs=3 -close_fd_mask=3 "$unit" >"$log.replay" 2>&1 \
+                    && again="replayed 3 times: no failure" || again="replayed: fails again"
+            fi
+            {
+                echo "--- $h: $log"
+                grep -E -A12 'ERROR|fuzz check failed' "$log" | head -30 || true
+                grep -E 'SUMMARY|Test unit written' "$log" | head -3 || true
+                echo "${again:-no input written}"
+            } >>"$build/reports.txt"
         fi
     done
     echo "=== fuzz summary ($seconds s each; edges and features are libFuzzer's coverage counts)"
     cat "$build/summary.txt"
+    if [ -f "$build/reports.txt" ]; then cat "$build/reports.txt"; fi
     echo "fuzz: $((${#harnesses[@]} - failed)) passed, $failed failed"
     [ $failed -eq 0 ]
 }
