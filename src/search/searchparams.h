@@ -98,7 +98,8 @@ constexpr int LMR_HISTORY_MAX = 2;
 // Candidate: a quiet move (from the history-sorted stage) taking a piece off a square
 // attacked by a cheaper enemy piece to one that is not is reduced a ply less (bench then
 // 12578513). Against the main before the history and refutation step: +13.1 +- 14.2 over
-// 874 games, pairs 14, 90, 200, 115, 18, LLR 0.68; undecided, stopped for the session's end.
+// 874 games, pairs 14, 90, 200, 115, 18, LLR 0.68. Against main with them (bench 13971855):
+// -11.1 +- 19.5 over 566 games, pairs 16, 77, 115, 59, 16, LLR -0.44. Both undecided.
 constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // Candidate, off while 0: quiet moves at an expected cut node (a zero-window node whose
 // parent expects it to fail high) are reduced this many plies more. 1 (bench 12869536),
@@ -113,7 +114,8 @@ constexpr bool LMR_CHECKS = false;
 // +2.7 +- 11.6 Elo over 1,800 games at 2+0.02.
 constexpr int QUIET_THREAT_BONUS[KING + 1] = {0, 0, 8192, 8192, 12288, 16384, 0};
 // Weight of the main history against each continuation history (weight 1) in the quiet
-// order. Candidate, not yet played: 2 (bench 11466947).
+// order. Candidate: 2 (bench 11589029), against main with the history and refutation
+// steps: +7.7 +- 11.8 over 1,528 games, pairs 40, 174, 301, 210, 39, LLR 0.57; undecided.
 constexpr int QUIET_MAIN_HIST_WEIGHT = 1;
 
 // Quiet moves remembered per node for the history penalty of a cut-off.
