@@ -283,7 +283,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         if (searchStopped())
             return 0;
         if (score < sBeta)
-            singular = DOUBLE_EXT_MARGIN && score < sBeta - DOUBLE_EXT_MARGIN
+            singular = DOUBLE_EXT_MARGIN && !pvNode && score < sBeta - DOUBLE_EXT_MARGIN
                             && doubles < DOUBLE_EXT_MAX ? 2 : 1;
         else if (sBeta >= beta)
             return short(sBeta);
