@@ -114,8 +114,9 @@ constexpr bool LMR_CHECKS = false;
 // +2.7 +- 11.6 Elo over 1,800 games at 2+0.02.
 constexpr int QUIET_THREAT_BONUS[KING + 1] = {0, 0, 8192, 8192, 12288, 16384, 0};
 // Weight of the main history against each continuation history (weight 1) in the quiet
-// order. Candidate: 2 (bench 11589029), against main with the history and refutation
-// steps: +7.7 +- 11.8 over 1,528 games, pairs 40, 174, 301, 210, 39, LLR 0.57; undecided.
+// order. Tried: 2 (bench 11589029), against main with the history and refutation steps:
+// +1.6 +- 10.3 over 1,996 games, pairs 57, 232, 401, 261, 47, LLR -0.01 (+7.7 after the
+// first 1,528, then -18.6 over the next 468); stopped undecided, stays at 1.
 constexpr int QUIET_MAIN_HIST_WEIGHT = 1;
 
 // Quiet moves remembered per node for the history penalty of a cut-off.
@@ -135,10 +136,11 @@ constexpr int CONT_HIST_EXTENSION = 4096;
 constexpr int SINGULAR_MIN_DEPTH = 8;
 constexpr int SINGULAR_TT_DEPTH = 3;
 constexpr int SINGULAR_MARGIN = 2;
-// Candidate, off while 0 and not yet played (its test belongs at 5+0.05, where the table
-// holds deep entries): at a non-PV node, a hash move whose alternatives all fail more than
-// this below sBeta is extended by two plies, at most DOUBLE_EXT_MAX times on one line.
-// At PV nodes too, 20 grew bench from 12047341 to 20351782.
+// Candidate, off while 0: at a non-PV node, a hash move whose alternatives all fail more
+// than this below sBeta is extended by two plies, at most DOUBLE_EXT_MAX times on one line.
+// (At PV nodes too, 20 grew bench from 12047341 to 20351782.) 20 (bench 12975964) at
+// 5+0.05 against main: +0.0 +- 15.4 Elo over 762 games, pairs 15, 92, 164, 98, 12, LLR
+// -0.08 (+12.2 after 370 games); stopped undecided, off.
 constexpr int DOUBLE_EXT_MARGIN = 0;
 constexpr int DOUBLE_EXT_MAX = 6;
 // Candidate, off and not yet played (at 5+0.05 too): at PV nodes a capture on the square
