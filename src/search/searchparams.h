@@ -144,10 +144,10 @@ constexpr int SINGULAR_MARGIN = 2;
 constexpr int DOUBLE_EXT_MARGIN = 0;
 constexpr int DOUBLE_EXT_MAX = 6;
 // Candidate, off and not yet played (at 5+0.05 too): at PV nodes a capture on the square
-// where the last move captured is extended by a ply. On, bench is 14252432.
+// where the last move captured is extended by a ply. On, bench is 15887795.
 constexpr bool RECAPTURE_EXTENSION = false;
 // Candidate, off and not yet played (at 5+0.05): a pawn moving to its seventh rank is
-// extended by a ply. On, bench is 11581649.
+// extended by a ply. On, bench is 12371228.
 constexpr bool PAWN_SEVENTH_EXTENSION = false;
 
 // There is no check extension (a checking move with SEE >= 0 extended by a ply): it grew
