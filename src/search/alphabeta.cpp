@@ -363,7 +363,7 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         } else {
             int r = 0;
             if (depth >= LMR_MIN_DEPTH && capturesNothing && !isPromotion(m) && !inCheck
-                && (LMR_CHECKS || !child.inCheck)) {
+                && !child.inCheck) {
                 r = LMR[std::min(depth, LMR_DEPTHS - 1)][std::min(moveNumber, LMR_MOVES - 1)]
                   + (improving ? 0 : 1);
                 if (mainHist < 0 && cont1 < 0 && cont2 < 0)
@@ -374,8 +374,6 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     r--;
                 if (hashCaptures)
                     r++;
-                if (LMR_CHECKS && child.inCheck)
-                    r--;
                 if (LMR_CUT_NODE_MORE && ps.cutNode && !pvNode)
                     r += LMR_CUT_NODE_MORE;
                 if (LMR_THREAT_ESCAPE_LESS && stage == STAGE_QUIETS) {

@@ -89,7 +89,9 @@ inline constexpr auto LMR = makeLmrTable();
 // (LLR 2.96). Alone, with the three above off: +3.1 +- 14.5 (1,002 games, 8192) and
 // +5.8 +- 18.9 (600).
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
-// games (LLR -0.93; stopped, below zero by more than its error).
+// games (LLR -0.93; stopped, below zero by more than its error). Rejected too: quiet checks
+// reduced, a ply less than other quiets (bench 13369876), -39.8 +- 26.1 over 342 games, pairs
+// 12, 63, 56, 32, 8 (LLR -0.84; stopped, the whole interval below zero).
 constexpr int LMR_HISTORY_DIV = 8192;
 constexpr int LMR_HISTORY_MAX = 2;
 //
@@ -105,9 +107,6 @@ constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // parent expects it to fail high) are reduced this many plies more. 1 (bench 12869536),
 // against main with the three above on: +1.9 +- 12.9 over 1,124 games, LLR 0.02.
 constexpr int LMR_CUT_NODE_MORE = 0;
-// Candidate, off and not yet played: quiet moves that give check are reduced too, one ply
-// less than the others.
-constexpr bool LMR_CHECKS = false;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
