@@ -140,9 +140,11 @@ TEST(UciTranscript, BadInputKeepsThePosition) {
     session s;
     s.ask("position startpos moves e2e4 c7c5");
     const lines before = s.board();
-    for (const std::string args : {"fen rnbqkbnr/ppppxppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1",
-                                   "fen 4k3/4R3/8/8/8/8/8/4K3 w - - 0 1", "fen 4k3/8/8/8/8/8/8/4K3",
-                                   "fen 4k3/8/8/8/8/8/8/4K3 w - - 0 one", "", "somewhere"}) {
+    using namespace std::string_literals;  // a NUL byte inside, echoed in the refusal
+    for (const std::string& args : {"fen rnbqkbnr/ppppxppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1"s,
+                                    "fen 4k3/8/8/\0\0/8/8/8/4K3 w - - 0 1"s,
+                                    "fen 4k3/4R3/8/8/8/8/8/4K3 w - - 0 1"s, "fen 4k3/8/8/8/8/8/8/4K3"s,
+                                    "fen 4k3/8/8/8/8/8/8/4K3 w - - 0 one"s, ""s, "somewhere"s}) {
         auto reply = s.ask("position " + args);
         ASSERT_EQ(reply.size(), 1u) << args;
         EXPECT_EQ(reply[0].rfind("info string ", 0), 0u) << reply[0];

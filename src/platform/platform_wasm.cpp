@@ -16,9 +16,12 @@
 #include "platform/platform.h"
 #include "platform/posix_files.h"
 
+// The text goes out by its length, NUL bytes and all (an echoed input line may hold one, and
+// UTF8ToString would stop there); slice copies it out of the shared memory of the threaded
+// build, which TextDecoder does not read.
 // clang-format off
 EM_JS(void, quorvaneEmitText, (const char* text, int bytes), {
-    Module['onText'](UTF8ToString(text, bytes));
+    Module['onText'](new TextDecoder().decode(HEAPU8.slice(text, text + bytes)));
 });
 EM_JS(int, quorvaneThreadPool, (), {
     return Module['threadPool'] | 0;

@@ -188,6 +188,8 @@ std::string joined(const std::vector<std::string>& w) {
     return s;
 }
 
+}  // namespace
+
 // The line as the harness sends it, or "" to leave it out: searches of depth 1 to 4
 // without pondering or an infinite clock, one thread, small tables, perft no deeper than
 // 2, tablebases only from the shared folder, and no "quit", "bench", "rtest" or "texel"
@@ -240,6 +242,8 @@ std::string boundedLine(const std::string& line) {
     }
     return joined(w);
 }
+
+namespace {
 
 // What a "position" line should leave, worked out apart from the command loop: the
 // position, and the refusal line if any ("" when everything is played).

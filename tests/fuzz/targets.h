@@ -35,6 +35,10 @@ int fuzzPerftFile(const uint8_t* data, size_t size);
 // Games in PGN for quorvane_pgn2epd.
 int fuzzPgn(const uint8_t* data, size_t size);
 
+// A command line as the command-loop harness sends it: searches, tables and perft kept small,
+// and "" for the lines it leaves out ("quit", and the commands that run long or read files).
+std::string boundedLine(const std::string& line);
+
 struct fuzzTargetStruct {
     const char* name;  // the folder name under tests/fuzz/corpus/ and regressions/
     fuzzTargetFn run;
