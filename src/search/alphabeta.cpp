@@ -313,6 +313,10 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         const bool quiet = isQuietMove(pos, m);
         const bool capturesNothing = pos->board[m.to] == EMPTY;
         moveNumber++;
+        const int idx = contHistIndex(piece, m.to);
+        const int mainHist = pos->mainHistory[piece][m.to];
+        const int cont1 = row1 >= 0 ? pos->contHist[0][row1 + idx] : 0;
+        const int cont2 = row2 >= 0 ? pos->contHist[1][row2 + idx] : 0;
 
         // At non-PV nodes (the root is a PV node), quiet moves late in the list or losing
         // material by exchange are not searched, unless they give check; nor are captures
@@ -320,7 +324,13 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         if (!pvNode && bestScore > -MATE_BAND) {
             bool skip = false;
             if (stage == STAGE_QUIETS) {
-                const bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
+                bool late = depth <= LMP_MAX_DEPTH && quietsSearched >= LMP[improving][depth];
+                if (QUIET_FUTILITY_MARGIN && depth >= QUIET_FUTILITY_MIN_DEPTH
+                    && depth <= QUIET_FUTILITY_MAX_DEPTH && e + QUIET_FUTILITY_MARGIN * (depth + 1) <= alpha)
+                    late = true;
+                if (HISTORY_PRUNE_MARGIN && depth <= HISTORY_PRUNE_MAX_DEPTH
+                    && mainHist + cont1 + cont2 < -HISTORY_PRUNE_MARGIN * depth)
+                    late = true;
                 skip = late || (depth <= QUIET_SEE_MAX_DEPTH && m.type != MT_ENPASSANT
                                 && m.type < MT_CASTLE_K && !seeAtLeast(pos, m, -QUIET_SEE_MARGIN * depth));
             } else if (stage == STAGE_BAD_CAPTURES) {
@@ -331,10 +341,6 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
         }
 
         prefetchHash(keyAfter(pos, ply, m));   // the child probes first thing
-        const int idx = contHistIndex(piece, m.to);
-        const int mainHist = pos->mainHistory[piece][m.to];
-        const int cont1 = row1 >= 0 ? pos->contHist[0][row1 + idx] : 0;
-        const int cont2 = row2 >= 0 ? pos->contHist[1][row2 + idx] : 0;
 
         // A move both continuation histories rate highly is searched a ply deeper; the
         // singular test's verdict on the hash move adds to that.
