@@ -65,73 +65,37 @@ bool searchOutput(const std::string& line) {
            || (line.rfind("info ", 0) == 0 && line.rfind("info string", 0) != 0);
 }
 
-// Huge and overflowing numbers in every numeric argument: each command answers, no search
-// or perft runs past the ply records. Then random lines, from the command-loop harness's kept
-// inputs: each is answered (the harness checks the replies in process), and the engine goes
-// on afterwards and quits cleanly.
-TEST(UciFuzz, HugeNumbersThenRandomLines) {
-    scratchFolder dir;  // no perft.txt or tuning file here
-    dir.write("deep.txt", std::string(fenStartPos) + ";300;1\n" + fenStartPos + ";2147483648;1\n");
+// Huge and overflowing numbers in every search limit and clock: each "go" ends in one move.
+// (The other commands' huge numbers: the transcript tests.) Then random lines, from the
+// command-loop harness's kept inputs: each is answered (the harness checks the replies in
+// process), and the engine goes on afterwards and quits cleanly.
+TEST(UciFuzz, HugeLimitsThenRandomLines) {
     engineOptionsStruct opts;
-    opts.workDir = dir.path.string();
     opts.env = {"QUORVANE_HASH_LIMIT_MB=16"};
     engineProcess engine(opts);
     ASSERT_TRUE(engine.readUntil("enter 'help' to see the commands"));
     ASSERT_TRUE(engine.ask("setoption name Hash value 16"));  // past the start-up table note
 
     const std::string big = "99999999999999999999";
-    const std::string perftRefused = "info string perft depth must be from 1 to 127";
-    const std::string benchRefused = "info string bench depth must be a number from 1 to 127";
-    const struct {
-        std::string line;
-        std::vector<std::string> reply;  // checked unless it is a "go"
-    } cases[] = {
-        {"perft 128", {perftRefused}},
-        {"perft 300", {perftRefused}},
-        {"perft 2147483648", {perftRefused}},
-        {"perft " + big, {perftRefused}},
-        {"perft -2147483649", {perftRefused}},
-        {"bench 2147483648", {benchRefused}},
-        {"bench -" + big, {benchRefused}},
-        {"rtest deep.txt",
-         {std::string("0; ") + fenStartPos + ";300;1; unreadable test line",
-          std::string("0; ") + fenStartPos + ";2147483648;1; unreadable test line",
-          "Results of the perft checks is OK: 0"}},
-        {"setoption name Hash value " + big,
-         {"info string Size of Hashtable set to : 262144",
-          "info string not enough memory for a table of "
-          "262144 MB, using 16 MB"}},
-        {"setoption name Threads value -" + big, {"info string Number of threads set to : 1"}},
-        {"setoption name MoveOverhead value 2147483648",
-         {"info string MoveOverhead set to : 60000"}},
-        {"setoption name SyzygyProbeDepth value " + big,
-         {"info string SyzygyProbeDepth set to: 127"}},
-        {"position fen 8/8/8/8/8/8/8/K6k w - - 2147483648 " + big,
-         {"info string invalid FEN (bad half-move clock), position unchanged"}},
-        {"go depth 2147483648", {}},
-        {"go depth " + big + " movetime " + big + " nodes " + big + "9", {}},
-        {"go mate 2147483648 nodes 18446744073709551615", {}},
-        {"go wtime " + big + " btime " + big + " winc " + big + " binc " + big + " movestogo "
-             + big,
-         {}},
-        {"go wtime -" + big + " btime -2147483649 winc -" + big + " binc -1 movestogo -" + big, {}},
-        {"go wtime 2147483647 winc 2147483647 movestogo 2147483647", {}},
+    const std::string goLines[] = {
+        "go depth 2147483648",
+        "go depth " + big + " movetime " + big + " nodes " + big + "9",
+        "go mate 2147483648 nodes 18446744073709551615",
+        "go wtime " + big + " btime " + big + " winc " + big + " binc " + big + " movestogo " + big,
+        "go wtime -" + big + " btime -2147483649 winc -" + big + " binc -1 movestogo -" + big,
+        "go wtime 2147483647 winc 2147483647 movestogo 2147483647",
     };
-    for (const auto& c : cases) {
-        auto reply = engine.ask(c.line);
-        ASSERT_TRUE(reply) << "no answer after: " << c.line;
-        if (c.line.rfind("go ", 0) != 0) {
-            EXPECT_EQ(*reply, c.reply) << c.line;
-            continue;
-        }
+    for (const std::string& go : goLines) {
         // Huge limits run until stopped; tiny clocks end at once, perhaps before the
         // "readyok". Either way one move.
+        auto reply = engine.ask(go);
+        ASSERT_TRUE(reply) << "no answer after: " << go;
         ASSERT_TRUE(engine.send("stop"));
         bool moved = std::any_of(reply->begin(), reply->end(),
                                  [](auto& l) { return l.rfind("bestmove", 0) == 0; });
         for (std::optional<std::string> l; !moved && (l = engine.readLine());)
             moved = l->rfind("bestmove", 0) == 0;
-        ASSERT_TRUE(moved) << "no bestmove after: " << c.line;
+        ASSERT_TRUE(moved) << "no bestmove after: " << go;
     }
 
     const std::vector<std::string> kept = keptUciLines();

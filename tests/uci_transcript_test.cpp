@@ -29,6 +29,8 @@ lines diagram(const std::string& placement) {
 
 const lines START_BOARD = diagram("rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR");
 
+const std::string BIG = "99999999999999999999";  // past every integer type
+
 struct session {
     engineProcess engine;
     explicit session(const engineOptionsStruct& opts = {}) : engine(opts) {
@@ -84,6 +86,12 @@ TEST(UciTranscript, SetOptionEchoesWithClamping) {
         {"SyzygyPath value <empty>",
          {"info string Syzygy tablebases used from directory : <empty>"}},
         {"SyzygyProbeDepth value -1", {"info string SyzygyProbeDepth set to: 0"}},
+        // Numbers past every type are clamped like any other.
+        {"Hash value " + BIG,
+         {hash + "262144", "info string not enough memory for a table of 262144 MB, using 256 MB"}},
+        {"Threads value -" + BIG, {threads + "1"}},
+        {"MoveOverhead value 2147483648", {"info string MoveOverhead set to : 60000"}},
+        {"SyzygyProbeDepth value " + BIG, {"info string SyzygyProbeDepth set to: 127"}},
         {"hash value 16", {}},  // names are compared exactly; unknown ones say nothing
         {"Move Overhead value 5", {}},
     };
@@ -107,6 +115,15 @@ TEST(UciTranscript, HelpShowboardAndUnknownCommands) {
     EXPECT_EQ(s.board(), START_BOARD);
     for (const char* line : {"", "   ", "xyzzy", "Uci", "ISREADY", "showboard2", "perfto 3"})
         EXPECT_EQ(s.ask(line), (lines{"Unknown command"})) << "'" << line << "'";
+    const std::string perftRefused = "info string perft depth must be from 1 to 127",
+                      benchRefused = "info string bench depth must be a number from 1 to 127";
+    const std::pair<std::string, std::string> refused[] = {
+        {"perft 128", perftRefused},        {"perft 2147483648", perftRefused},
+        {"perft " + BIG, perftRefused},     {"perft -2147483649", perftRefused},
+        {"bench 2147483648", benchRefused}, {"bench -" + BIG, benchRefused},
+    };
+    for (const auto& [line, refusal] : refused)
+        EXPECT_EQ(s.ask(line), lines{refusal}) << line;
 }
 
 TEST(UciTranscript, PositionCommand) {
@@ -141,10 +158,11 @@ TEST(UciTranscript, BadInputKeepsThePosition) {
     s.ask("position startpos moves e2e4 c7c5");
     const lines before = s.board();
     using namespace std::string_literals;  // a NUL byte inside, echoed in the refusal
-    for (const std::string& args : {"fen rnbqkbnr/ppppxppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1"s,
-                                    "fen 4k3/8/8/\0\0/8/8/8/4K3 w - - 0 1"s,
-                                    "fen 4k3/4R3/8/8/8/8/8/4K3 w - - 0 1"s, "fen 4k3/8/8/8/8/8/8/4K3"s,
-                                    "fen 4k3/8/8/8/8/8/8/4K3 w - - 0 one"s, ""s, "somewhere"s}) {
+    for (const std::string& args :
+         {"fen rnbqkbnr/ppppxppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1"s,
+          "fen 4k3/8/8/\0\0/8/8/8/4K3 w - - 0 1"s, "fen 4k3/4R3/8/8/8/8/8/4K3 w - - 0 1"s,
+          "fen 4k3/8/8/8/8/8/8/4K3"s, "fen 4k3/8/8/8/8/8/8/4K3 w - - 0 one"s,
+          "fen 8/8/8/8/8/8/8/K6k w - - 2147483648 " + BIG, ""s, "somewhere"s}) {
         auto reply = s.ask("position " + args);
         ASSERT_EQ(reply.size(), 1u) << args;
         EXPECT_EQ(reply[0].rfind("info string ", 0), 0u) << reply[0];
@@ -164,17 +182,20 @@ TEST(UciTranscript, RtestReadsAFile) {
     const std::string start = fenStartPos;
     dir.write("perft.txt", start + ";2;400\n" + start + ";1;21\n" + start
                                + ";2x;400\n"  // numbers must be whole
-                               + start + ";1;-1\nfull\n" + start + ";9;1\n");
+                               + start + ";1;-1\n" + start + ";300;1\n" + start
+                               + ";2147483648;1\nfull\n" + start + ";9;1\n");
     engineOptionsStruct opts;
     opts.workDir = dir.path.string();
     session s(opts);
     auto reply = s.ask("rtest");  // without an argument: perft.txt in the working directory
-    ASSERT_EQ(reply.size(), 5u);
+    ASSERT_EQ(reply.size(), 7u);
     EXPECT_EQ(reply[0].rfind("1; " + start + "; 2; 400; 400; ", 0), 0u) << reply[0];
     EXPECT_EQ(reply[1].rfind("0; " + start + "; 1; 21; 20; ", 0), 0u) << reply[1];
     EXPECT_EQ(reply[2], "0; " + start + ";2x;400; unreadable test line");
     EXPECT_EQ(reply[3], "0; " + start + ";1;-1; unreadable test line");
-    EXPECT_EQ(reply[4], "Results of the perft checks is OK: 0");
+    EXPECT_EQ(reply[4], "0; " + start + ";300;1; unreadable test line");
+    EXPECT_EQ(reply[5], "0; " + start + ";2147483648;1; unreadable test line");
+    EXPECT_EQ(reply[6], "Results of the perft checks is OK: 0");
     EXPECT_EQ(s.board(), START_BOARD);
 }
 

@@ -29,7 +29,7 @@ jobs=${JOBS:-$(nproc)}
 seconds=${FUZZ_SECONDS:-60}
 data=${QUORVANE_DATA_DIR:-$(cd "$repo/.." && pwd)/shared/data}
 read -r -a extra <<<"${CMAKE_ARGS:-}"
-all=(fen uci syzygy epd weights perftfile pgn)
+all=(fen uci syzygy epd perftfile pgn)
 
 # The sources each harness reads input through: what its line coverage is measured on.
 declare -A targets=(
@@ -37,7 +37,6 @@ declare -A targets=(
     [uci]="src/uci/uci.cpp"
     [syzygy]="src/tablebase/tbcore.cpp src/tablebase/tbprobe.cpp"
     [epd]="src/tuning/texel.cpp"
-    [weights]="src/tuning/weightsfile.h"
     [perftfile]="src/board/perft.cpp"
     [pgn]="src/tuning/pgn.cpp"
 )

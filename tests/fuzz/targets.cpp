@@ -13,7 +13,6 @@
 #include "tablebase/tbprobe.h"
 #include "tuning/pgn.h"
 #include "tuning/texel.h"
-#include "tuning/weightsfile.h"
 
 #include "../test_core.h"
 #include "uci/uci.h"
@@ -487,53 +486,6 @@ int fuzzEpd(const uint8_t* data, size_t size) {
             fail("result " + std::to_string(t.result) + " of '" + t.fen + "'");
         evaluateN(0, readBack(t.fen, "kept position"));
     }
-    return 0;
-}
-
-int fuzzWeights(const uint8_t* data, size_t size) {
-    const std::string text = textOf(data, size);
-    const std::vector<weightPairText> all = weightPairsIn(text);
-    size_t last = 0;
-    for (const weightPairText& w : all) {
-        if (w.at < last || w.at + w.length > text.size() || text.compare(w.at, 2, "S(") != 0
-            || text[w.at + w.length - 1] != ')')
-            fail("pair at " + std::to_string(w.at) + " out of order or not a pair");
-        last = w.at + w.length;
-        // The pair's own text reads as this one pair.
-        const std::vector<weightPairText> alone = weightPairsIn(text.substr(w.at, w.length));
-        if (alone.size() != 1 || alone[0].mg != w.mg || alone[0].eg != w.eg)
-            fail("pair at " + std::to_string(w.at) + " does not read alone");
-    }
-    // A part of the text holds the pairs lying wholly inside it.
-    const size_t from = size / 3, to = 2 * size / 3;
-    std::vector<weightPairText> inside;
-    for (const weightPairText& w : all)
-        if (w.at >= from && w.at + w.length <= to)
-            inside.push_back(w);
-    const std::vector<weightPairText> part = weightPairsIn(text, from, to);
-    if (part.size() != inside.size())
-        fail("a part of the text holds " + std::to_string(part.size()) + " pairs, expected "
-             + std::to_string(inside.size()));
-    for (size_t i = 0; i < part.size(); i++)
-        if (part[i].at != inside[i].at || part[i].mg != inside[i].mg)
-            fail("the pairs of a part differ from those of the whole");
-    // Rewritten as the tuner writes its tables, the text reads back the new values.
-    std::string out;
-    last = 0;
-    for (size_t i = 0; i < all.size(); i++) {
-        char buf[32];
-        std::snprintf(buf, sizeof buf, "S(%3d,%3d)", int(i % 201) - 100, -int(i % 97));
-        out += text.substr(last, all[i].at - last) + buf;
-        last = all[i].at + all[i].length;
-    }
-    out += text.substr(last);
-    const std::vector<weightPairText> back = weightPairsIn(out);
-    if (back.size() != all.size())
-        fail("the rewritten text holds " + std::to_string(back.size()) + " pairs, expected "
-             + std::to_string(all.size()));
-    for (size_t i = 0; i < back.size(); i++)
-        if (back[i].mg != int(i % 201) - 100 || back[i].eg != -int(i % 97))
-            fail("the rewritten text reads other values");
     return 0;
 }
 

@@ -28,8 +28,6 @@ int fuzzUci(const uint8_t* data, size_t size);
 int fuzzSyzygy(const uint8_t* data, size_t size);
 // A file of labelled positions for the "texel" command and the tuner.
 int fuzzEpd(const uint8_t* data, size_t size);
-// The text of an evaluation weights source, as the tuner reads and rewrites it.
-int fuzzWeights(const uint8_t* data, size_t size);
 // A perft reference file for "rtest" (depths above 2 lowered to 2).
 int fuzzPerftFile(const uint8_t* data, size_t size);
 // Games in PGN for quorvane_pgn2epd.
@@ -44,7 +42,6 @@ struct fuzzTargetStruct {
     fuzzTargetFn run;
 };
 inline constexpr fuzzTargetStruct FUZZ_TARGETS[] = {
-    {"fen", fuzzFen},         {"uci", fuzzUci},           {"syzygy", fuzzSyzygy},
-    {"epd", fuzzEpd},         {"weights", fuzzWeights},   {"perftfile", fuzzPerftFile},
-    {"pgn", fuzzPgn},
+    {"fen", fuzzFen}, {"uci", fuzzUci},           {"syzygy", fuzzSyzygy},
+    {"epd", fuzzEpd}, {"perftfile", fuzzPerftFile}, {"pgn", fuzzPgn},
 };
