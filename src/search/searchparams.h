@@ -121,7 +121,10 @@ constexpr int LMR_HISTORY_MAX = 2;
 constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // Candidate, off while 0: quiet moves at an expected cut node (a zero-window node whose
 // parent expects it to fail high) are reduced this many plies more. 1 (bench 12869536),
-// against main with the three above on: +1.9 +- 12.9 over 1,124 games, LLR 0.02.
+// against main with the three above on: +1.9 +- 12.9 over 1,124 games, LLR 0.02. Again
+// against main with the history and refutation steps (bench 12794530): -4.6 +- 10.7 over
+// 1,890 games, pairs 57, 236, 374, 231, 47, LLR -0.72; stopped undecided, leaning against.
+// Both runs: -2.2 +- 8.3 over 3,014, so a few Elo at most either way; off.
 constexpr int LMR_CUT_NODE_MORE = 0;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
