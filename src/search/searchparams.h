@@ -26,7 +26,9 @@ constexpr int LMP_MAX_DEPTH = 7;
 constexpr i16 seeValue[14] = {0, 0, 88, 88, 335, 335, 335, 335, 521, 521, 1035, 1035, 10000, 10000};
 
 // Exchange-test pruning of quiet moves: at depth d a move whose exchange loses more
-// than QUIET_SEE_MARGIN * d is skipped.
+// than QUIET_SEE_MARGIN * d is skipped. Tried: both exchange tests down to depth 8 (bench
+// 15943984), against main 12047341: -2.5 +- 14.9 Elo over 992 games, pairs 31, 118, 203, 115,
+// 29, LLR -0.25; stopped undecided, stays at 6.
 constexpr int QUIET_SEE_MAX_DEPTH = 6;
 constexpr int QUIET_SEE_MARGIN = 64;
 // Candidate, off while 0: at non-PV nodes of depth QUIET_FUTILITY_MIN_DEPTH to _MAX_DEPTH, when
@@ -103,7 +105,8 @@ inline constexpr auto LMR = makeLmrTable();
 // Together (bench 13313914 -> 12047341), against the search with the three above: +12.3
 // +- 6.7 Elo over 4,342 games at 2+0.02, pairs 97, 447, 942, 575, 110; SPRT [0, 5] passed
 // (LLR 2.96). Alone, with the three above off: +3.1 +- 14.5 (1,002 games, 8192) and
-// +5.8 +- 18.9 (600).
+// +5.8 +- 18.9 (600). Tried since: 6144 (bench 13810950), against main 12047341: +2.7
+// +- 13.7 over 1,276 games, pairs 42, 157, 229, 169, 41, LLR 0.07; stopped undecided, stays.
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error). Rejected too: quiet checks
 // reduced, a ply less than other quiets (bench 13369876), -39.8 +- 26.1 over 342 games, pairs
