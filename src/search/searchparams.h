@@ -106,7 +106,8 @@ inline constexpr auto LMR = makeLmrTable();
 // +- 6.7 Elo over 4,342 games at 2+0.02, pairs 97, 447, 942, 575, 110; SPRT [0, 5] passed
 // (LLR 2.96). Alone, with the three above off: +3.1 +- 14.5 (1,002 games, 8192) and
 // +5.8 +- 18.9 (600). Tried since: 6144 (bench 13810950), against main 12047341: +2.7
-// +- 13.7 over 1,276 games, pairs 42, 157, 229, 169, 41, LLR 0.07; stopped undecided, stays.
+// +- 13.7 over 1,276 games, then -3.1 +- 11.7 over 1,780 more; together -0.7 +- 8.9 over
+// 3,056, pairs 107, 376, 560, 386, 99, LLR -0.44; stopped undecided, stays at 8192.
 // Rejected: losing captures reduced like quiets (bench 13836656), -35.6 +- 22.8 over 402
 // games (LLR -0.93; stopped, below zero by more than its error). Rejected too: quiet checks
 // reduced, a ply less than other quiets (bench 13369876), -39.8 +- 26.1 over 342 games, pairs
