@@ -89,6 +89,17 @@ void generateQuietsSorted(movePickerStruct& mp) {
     const i16* row2 = contHistRow(pos, mp.ply, 2);
     mp.threats = enemyThreats(pos);
     const threatMap& threats = mp.threats;
+    // Squares from which each kind of piece would check the enemy king (directly).
+    bitboard checking[KING + 1] = {};
+    if constexpr (QUIET_CHECK_BONUS != 0) {
+        const int us = pos->sideToMove, ksq = pos->kingSquare(us ^ 1);
+        const bitboard occ = pos->occupied();
+        checking[PAWN] = attackByPawnTable[us][ksq];
+        checking[KNIGHT] = knightAttackTable[ksq];
+        checking[BISHOP] = bishopAttacks(ksq, occ);
+        checking[ROOK] = rookAttacks(ksq, occ);
+        checking[QUEEN] = checking[BISHOP] | checking[ROOK];
+    }
     for (int i = 0; i < count; i++) {
         moveStruct m = first[i];
         const int piece = pos->board[m.from];
@@ -98,6 +109,8 @@ void generateQuietsSorted(movePickerStruct& mp) {
         const bool fromThreatened = threatened & bb(m.from), toThreatened = threatened & bb(m.to);
         if (fromThreatened != toThreatened)
             key += fromThreatened ? QUIET_THREAT_BONUS[piece >> 1] : -QUIET_THREAT_BONUS[piece >> 1];
+        if (checking[piece >> 1] & bb(m.to))
+            key += QUIET_CHECK_BONUS;
         int j = i;
         for (; j > 0 && keys[j - 1] < key; j--) {
             keys[j] = keys[j - 1];
