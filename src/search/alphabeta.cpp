@@ -382,6 +382,8 @@ short alfabeta(u8 ply, int depth, short alphaIn, short betaIn, positionStruct* p
                     r++;
                 if (LMR_CUT_NODE_MORE && ps.cutNode && !pvNode)
                     r += LMR_CUT_NODE_MORE;
+                if (LMR_PAWN_LESS && piece >> 1 == PAWN)
+                    r--;
                 if (LMR_THREAT_ESCAPE_LESS && stage == STAGE_QUIETS) {
                     const bitboard threatened = mp.threats.byLesser[piece >> 1];
                     r -= (threatened & bb(m.from)) && !(threatened & bb(m.to));

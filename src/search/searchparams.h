@@ -130,6 +130,8 @@ constexpr bool LMR_THREAT_ESCAPE_LESS = false;
 // 1,890 games, pairs 57, 236, 374, 231, 47, LLR -0.72; stopped undecided, leaning against.
 // Both runs: -2.2 +- 8.3 over 3,014, so a few Elo at most either way; off.
 constexpr int LMR_CUT_NODE_MORE = 0;
+// Candidate, off: a pawn move (it captures nothing here) is reduced a ply less.
+constexpr bool LMR_PAWN_LESS = false;
 
 // Quiet move ordering: history bonus for a piece escaping an attack by a cheaper enemy
 // piece, and malus for one walking into it, by piece kind (pawn and king: none).
