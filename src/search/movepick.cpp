@@ -24,10 +24,14 @@ const i16* contHistRow(const positionStruct* pos, int ply, int back) {
     return pos->contHist[back - 1] + contHistIndex(prev.score, prev.to) * CONT_HIST_SIDE;
 }
 
+inline int contHistoryOf(const i16* row1, const i16* row2, int piece, int to) {
+    const int idx = contHistIndex(piece, to);
+    return (row1 ? row1[idx] : 0) + (row2 ? row2[idx] : 0);
+}
+
 inline int historyOf(const positionStruct* pos, const i16* row1, const i16* row2, int piece,
                      int to) {
-    const int idx = contHistIndex(piece, to);
-    return pos->mainHistory[piece][to] + (row1 ? row1[idx] : 0) + (row2 ? row2[idx] : 0);
+    return pos->mainHistory[piece][to] + contHistoryOf(row1, row2, piece, to);
 }
 
 bool isPromotionType(int type) {
@@ -103,8 +107,8 @@ void generateQuietsSorted(movePickerStruct& mp) {
     for (int i = 0; i < count; i++) {
         moveStruct m = first[i];
         const int piece = pos->board[m.from];
-        int key = historyOf(pos, row1, row2, piece, m.to)
-                + (QUIET_MAIN_HIST_WEIGHT - 1) * pos->mainHistory[piece][m.to];
+        int key = QUIET_MAIN_HIST_WEIGHT * pos->mainHistory[piece][m.to]
+                + QUIET_CONT_HIST_WEIGHT * contHistoryOf(row1, row2, piece, m.to);
         const bitboard threatened = threats.byLesser[piece >> 1];
         const bool fromThreatened = threatened & bb(m.from), toThreatened = threatened & bb(m.to);
         if (fromThreatened != toThreatened)

@@ -144,6 +144,9 @@ constexpr int QUIET_THREAT_BONUS[KING + 1] = {0, 0, 8192, 8192, 12288, 16384, 0}
 // +1.6 +- 10.3 over 1,996 games, pairs 57, 232, 401, 261, 47, LLR -0.01 (+7.7 after the
 // first 1,528, then -18.6 over the next 468); stopped undecided, stays at 1.
 constexpr int QUIET_MAIN_HIST_WEIGHT = 1;
+// Candidate, off while 1: weight of the two continuation histories together in the quiet
+// order, the main history keeping weight 1.
+constexpr int QUIET_CONT_HIST_WEIGHT = 1;
 // Candidate, off while 0: a quiet move that checks the enemy king directly from its
 // destination is moved up the quiet order by this much. 8192 (bench 14715077), against main
 // 12047341: +0.4 +- 10.9 Elo over 1,932 games, pairs 62, 234, 365, 250, 55, LLR -0.16 (+14.3
