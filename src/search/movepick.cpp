@@ -29,11 +29,6 @@ inline int contHistoryOf(const i16* row1, const i16* row2, int piece, int to) {
     return (row1 ? row1[idx] : 0) + (row2 ? row2[idx] : 0);
 }
 
-inline int historyOf(const positionStruct* pos, const i16* row1, const i16* row2, int piece,
-                     int to) {
-    return pos->mainHistory[piece][to] + contHistoryOf(row1, row2, piece, to);
-}
-
 bool isPromotionType(int type) {
     return type == MT_PROMO_N || type == MT_PROMO_B || type == MT_PROMO_R || type == MT_PROMO_Q;
 }
@@ -235,7 +230,8 @@ bool givesCheck(const positionStruct* pos, moveStruct m) {
 }
 
 int quietHistory(const positionStruct* pos, u8 ply, moveStruct m, int piece) {
-    return historyOf(pos, contHistRow(pos, ply, 1), contHistRow(pos, ply, 2), piece, m.to);
+    return pos->mainHistory[piece][m.to]
+         + contHistoryOf(contHistRow(pos, ply, 1), contHistRow(pos, ply, 2), piece, m.to);
 }
 
 void initMovePicker(movePickerStruct& mp, positionStruct* pos, u8 ply, moveStruct hashMove) {
